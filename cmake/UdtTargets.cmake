@@ -2,18 +2,63 @@
 function(udt_strict TARGET)
   target_compile_options(${TARGET} PRIVATE -Wall -Wextra -Wpedantic -Wshadow)
   if(UDT_SANITIZE)
-    target_compile_options(${TARGET} PRIVATE -fsanitize=${UDT_SANITIZE} -fno-omit-frame-pointer
+    # PUBLIC: whoever links an instrumented library is instrumented with it, or it would not link.
+    target_compile_options(${TARGET} PUBLIC -fsanitize=${UDT_SANITIZE} -fno-omit-frame-pointer
                            -fno-sanitize-recover=all)
-    target_link_options(${TARGET} PRIVATE -fsanitize=${UDT_SANITIZE})
+    target_link_options(${TARGET} PUBLIC -fsanitize=${UDT_SANITIZE})
   endif()
 endfunction()
 
-# One test program per folder of tests/, its cases listed to ctest one by one.
+# One test program per folder of tests/, its cases listed to ctest one by one. They are listed when
+# ctest starts, not while building: so a program is never run by a build, and ctest's own environment
+# (see the thread sanitizer in ./run) holds for listing too.
 function(udt_test_program NAME)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${NAME} ${ARG_SOURCES})
   target_compile_features(${NAME} PRIVATE cxx_std_17)
   target_link_libraries(${NAME} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
   udt_strict(${NAME})
-  gtest_discover_tests(${NAME} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  add_dependencies(udt_tests ${NAME})
+endfunction()
+
+# Test suites named Threaded... start real threads; the thread sanitizer runs these and no others. This
+# keeps, of a list of sources, the files with such a suite and the files without any suite (helpers);
+# nothing where no file has one.
+function(udt_threaded_sources OUT)
+  set(THREADED)
+  set(HELPERS)
+  foreach(SOURCE ${ARGN})
+    file(STRINGS ${SOURCE} SUITES REGEX "^(TYPED_)?TEST(_F|_P)?\\(")
+    if(SUITES MATCHES "\\(Threaded")
+      list(APPEND THREADED ${SOURCE})
+    elseif(NOT SUITES)
+      list(APPEND HELPERS ${SOURCE})
+    endif()
+  endforeach()
+  if(THREADED)
+    list(APPEND THREADED ${HELPERS})
+  endif()
+  set(${OUT} ${THREADED} PARENT_SCOPE)
+endfunction()
+
+# Every header of the given folders compiles alone, by its bare name, and twice in one file.
+function(udt_header_checks NAME)
+  set(CHECKS)
+  foreach(FOLDER ${ARGN})
+    file(GLOB HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${FOLDER}/*.h)
+    foreach(HEADER ${HEADERS})
+      cmake_path(GET HEADER FILENAME HEADER)
+      set(CHECK ${PROJECT_BINARY_DIR}/header_checks/${HEADER}.cpp)
+      file(CONFIGURE OUTPUT ${CHECK} CONTENT "#include \"${HEADER}\"\n#include \"${HEADER}\"\n" @ONLY)
+      list(APPEND CHECKS ${CHECK})
+    endforeach()
+  endforeach()
+  if(CHECKS)
+    add_library(${NAME} OBJECT ${CHECKS})
+    target_link_libraries(${NAME} PRIVATE udt::recv)
+    udt_strict(${NAME})
+  else()
+    add_custom_target(${NAME})
+  endif()
 endfunction()
