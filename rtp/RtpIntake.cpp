@@ -1,0 +1,976 @@
+// The way of a datagram: told apart (STUN and the like, RTCP, RTP), filed under its SSRC, numbered, placed on its
+// user's timeline, and held until its frame is known. In: Scan and Push. Out: Pop and PopEvent. One thread at a
+// time; nothing here reads a clock.
+#include "RtpIntake.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <set>
+
+#include "RtpDownlink.h"
+#include "RtpFrames.h"
+#include "RtpLearn.h"
+#include "RtpPacket.h"
+#include "RtpPayload.h"
+#include "RtpStat.h"
+#include "RtpUnwrap.h"
+
+namespace
+{
+// Media time of a user's first packet. Large enough that media from before it, which comes late or was sent earlier
+// by the other stream, still has a time above 0.
+const int64_t c_llFirstMediaMs = 100000;
+// Sender reports that would put two streams of a user further apart than their arrivals by this much come from two
+// clocks: arrival places better then.
+const int64_t c_llMaxSrSkewUs = 10000000;
+// Live: how long a packet that says nothing about its frame's type waits for one that does.
+const uint64 c_ullTypeWaitUs = 5000;
+const size_t c_nMaxHeard = 4096;      // SSRCs of which RTCP is remembered
+const size_t c_nMaxTransports = 64;   // address pairs looked at for the transport-wide sequence
+const size_t c_nMaxRtxOriginals = 64; // streams an RTX candidate is tested against
+const uint32 c_dwTransportSeqLeast = 20;
+const size_t c_nMaxGuesses = 4096;
+
+// What RTCP told about an SSRC.
+struct tagHeard
+{
+    std::string strCname;
+    bool bSr = false;
+    int64_t llNtpUs = 0; // of the first sender report (offline), of the latest before the stream began (live)
+    uint32 dwSrTs = 0;
+    bool bBye = false;
+};
+
+// A user's timeline: the first of his streams lays it, the others are placed on it.
+struct tagUser
+{
+    uint64 ullFirstUs = 0; // arrival of his first packet, at media time 0 us
+    bool bSr = false;      // a stream with sender reports was placed
+    int64_t llNtpUs = 0;   // wall clock at media time llSrUs
+    int64_t llSrUs = 0;
+    std::set<uint8> setSubTypes;
+};
+
+struct tagStream
+{
+    tagRtpStreamInfo stInfo;
+    tagRtpKey stKey;
+    emRtpPayloadForm eForm = RTP_FORM_OTHER;
+    uint32 dwClock = 0;
+    CRtpStat stat;
+    CRtpDownlink::CLane lane;
+    // Media streams
+    CRtpSeqUnwrap seq;
+    CRtpSeqWindow window; // handed out, RTX answers too
+    CRtpTsUnwrap ts;
+    int64_t llBaseUs = 0;                // the first packet's place on the user's timeline
+    std::unique_ptr<CRtpFrames> pFrames; // video
+    // RTX
+    bool bOriginalKnown = false;
+    uint32 dwOriginalSsrc = 0;
+};
+
+// A packet that waits for its frame.
+struct tagWaiting
+{
+    tagRtpMedia stMedia;
+    int64_t llSeq = 0;
+    std::shared_ptr<tagRtpFrame> pFrame; // null: nothing to wait for
+    CRtpFrames* pFrames = nullptr;
+};
+
+// An SSRC that was seen but is not a stream yet.
+struct tagCandidate
+{
+    CRtpLearn learn;
+    uint64 ullOrder = 0; // of its first packet among all candidates
+    bool bHeld = false;  // one packet waits for the next to confirm it
+    tagRtpDatagram stHeld;
+    std::vector<uint8> vecHeld;
+};
+
+struct tagTransport
+{
+    tagRtpAddr stSrc;
+    tagRtpAddr stDst;
+    bool operator<(const tagTransport& stOther) const
+    {
+        return !(stSrc == stOther.stSrc) ? stSrc < stOther.stSrc : stDst < stOther.stDst;
+    }
+};
+
+// How an extension element of two bytes goes on from packet to packet of one transport.
+struct tagExtCount
+{
+    bool bSeen = false;
+    uint16 wLast = 0;
+    uint32 dwPairs = 0;
+    uint32 dwSteps = 0; // pairs a little forward or back, as a count of packets goes
+};
+
+int64_t NtpToUs(uint64 ullNtp)
+{
+    return (int64_t)(ullNtp >> 32) * 1000000 + (int64_t)(((ullNtp & 0xFFFFFFFF) * 1000000) >> 32);
+}
+} // namespace
+
+class CRtpIntakeImpl
+{
+public:
+    explicit CRtpIntakeImpl(const tagRtpOptions& stOptions);
+
+    void Scan(const tagRtpDatagram& stDatagram);
+    void EndScan();
+    void Push(const tagRtpDatagram& stDatagram);
+    bool Pop(tagRtpMedia& stMedia);
+    void Advance(uint64 ullNowUs) { m_ullNewestUs = std::max(m_ullNewestUs, ullNowUs); }
+    void Flush();
+    bool PopEvent(tagRtpEvent& stEvent);
+    tagRtpStreamInfo Stream(uint32 dwStream) const;
+
+    std::vector<std::unique_ptr<tagStream>> m_vecStreams;
+    tagRtpTotals m_stTotals;
+    std::vector<std::string> m_vecGuesses;
+
+private:
+    // Telling datagrams apart
+    bool TellApart(const tagRtpDatagram& stDatagram, tagRtpHeader& stHeader, bool& bRtcp,
+                   tagRtpTotals& stTotals) const;
+    void Drop(emRtpDrop eReason) { m_stTotals.aDrops[eReason]++; }
+
+    // Learning
+    tagCandidate* Candidate(const tagRtpKey& stKey);
+    void Learn(const tagRtpKey& stKey, tagCandidate& stCandidate, const tagRtpDatagram& stDatagram,
+               const tagRtpHeader& stHeader);
+    void LearnTransportSeq(const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
+    void Hear(const tagRtpEvent& stEvent, bool bFirstSr);
+    void Guessed(const std::string& strLine);
+
+    // Streams
+    tagStream* FindStream(uint32 dwSsrc, const tagRtpAddr& stDst);
+    tagStream* FindOriginal(const tagStream& stRtx);
+    int StreamOf(uint32 dwSsrc) const;
+    tagStream& Begin(const tagRtpKey& stKey, const CRtpLearn& learn, const tagRtpDatagram& stDatagram,
+                     const tagRtpHeader& stHeader);
+    void Format(tagStream& stStream, const CRtpLearn& learn);
+    void Settle(tagStream& stStream, const tagRtpDatagram& stDatagram, uint32 dwFirstTs);
+
+    // Packets
+    void OnRtcp(const tagRtpDatagram& stDatagram);
+    void OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
+    void OnStreamPacket(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
+    bool UnwrapRtx(tagStream& stRtx, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader,
+                   tagStream*& pOriginal, tagRtpHeader& stOriginal);
+    CRtpDownlink::CLane& Lane(tagStream& stStream, const tagRtpDatagram& stDatagram,
+                              const tagRtpHeader& stHeader, uint16& wSeq);
+    void Place(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader,
+               std::vector<uint8> vecRtp, bool bByRtx, uint32 dwDownSeq);
+    bool IsReady(const tagWaiting& stWaiting) const;
+
+    const tagRtpOptions m_stOptions;
+    bool m_bScanned = false;
+    bool m_bFlushed = false;
+    uint64 m_ullNewestUs = 0;
+
+    std::map<tagRtpKey, tagCandidate> m_mapCandidates;
+    uint64 m_ullCandidates = 0;
+    size_t m_nUnconfirmed = 0;
+    std::map<uint32, tagHeard> m_mapHeard;
+    std::map<tagTransport, std::map<uint32, tagExtCount>> m_mapExtCounts;
+    int m_nTransportSeqId = 0; // 0: not used
+
+    std::map<tagRtpKey, uint32> m_mapStreams;
+    std::map<uint32, uint32> m_mapStreamOfSsrc; // the latest stream of an SSRC
+    std::map<uint64, tagUser> m_mapUsers;
+    CRtpDownlink m_downlink;
+    std::map<tagTransport, CRtpDownlink::CLane> m_mapTransportLanes;
+    std::deque<tagWaiting> m_dequeOut;
+    std::deque<tagRtpEvent> m_dequeEvents;
+    CRtcpReader m_rtcp;
+    std::vector<tagRtpEvent> m_vecEvents; // of one datagram
+};
+
+CRtpIntakeImpl::CRtpIntakeImpl(const tagRtpOptions& stOptions)
+    : m_stOptions(stOptions), m_nTransportSeqId(std::max(stOptions.nTransportSeqId, 0))
+{
+}
+
+// ---- Telling datagrams apart ----
+
+// RFC 7983 for what may share the port, RFC 5761 for RTCP.
+bool CRtpIntakeImpl::TellApart(const tagRtpDatagram& stDatagram, tagRtpHeader& stHeader, bool& bRtcp,
+                               tagRtpTotals& stTotals) const
+{
+    stTotals.ullDatagrams++;
+    bRtcp = false;
+    if (stDatagram.pData == nullptr || stDatagram.dwCaptured == 0)
+    {
+        stTotals.aDrops[RTP_DROP_EMPTY]++;
+        return false;
+    }
+    const uint8 cFirst = stDatagram.pData[0];
+    if ((cFirst >> 6) != 2)
+    {
+        const emRtpDrop eReason = cFirst <= 3                    ? RTP_DROP_STUN
+                                  : cFirst >= 20 && cFirst <= 63 ? RTP_DROP_DTLS
+                                  : cFirst >= 64 && cFirst <= 79 ? RTP_DROP_TURN_CHANNEL
+                                                                 : RTP_DROP_NOT_RTP;
+        stTotals.aDrops[eReason]++;
+        return false;
+    }
+    if (IsRtcp(stDatagram.pData, stDatagram.dwCaptured))
+    {
+        bRtcp = true;
+        return true;
+    }
+    emRtpDrop eReason = RTP_DROP_NOT_RTP;
+    if (!ParseRtp(stDatagram.pData, stDatagram.dwCaptured, stDatagram.dwWire, stHeader, eReason))
+    {
+        stTotals.aDrops[eReason]++;
+        return false;
+    }
+    return true;
+}
+
+// ---- Learning ----
+
+void CRtpIntakeImpl::Scan(const tagRtpDatagram& stDatagram)
+{
+    m_bScanned = true;
+    tagRtpTotals stIgnored;
+    tagRtpHeader stHeader;
+    bool bRtcp = false;
+    if (!TellApart(stDatagram, stHeader, bRtcp, stIgnored))
+        return;
+    if (bRtcp)
+    {
+        m_vecEvents.clear();
+        m_rtcp.Read(stDatagram.pData, stDatagram.dwCaptured, m_vecEvents, stIgnored);
+        for (const tagRtpEvent& stEvent : m_vecEvents)
+            Hear(stEvent, true);
+        return;
+    }
+    const tagRtpKey stKey{stHeader.dwSsrc, stDatagram.stDst};
+    if (tagCandidate* pCandidate = Candidate(stKey))
+        Learn(stKey, *pCandidate, stDatagram, stHeader);
+    if (m_stOptions.nTransportSeqId < 0)
+        LearnTransportSeq(stDatagram, stHeader);
+}
+
+void CRtpIntakeImpl::EndScan()
+{
+    m_bScanned = true;
+    std::map<uint32, tagExtCount> mapSum;
+    for (const auto& itTransport : m_mapExtCounts)
+    {
+        for (const auto& itId : itTransport.second)
+        {
+            mapSum[itId.first].dwPairs += itId.second.dwPairs;
+            mapSum[itId.first].dwSteps += itId.second.dwSteps;
+        }
+    }
+    uint32 dwBest = 0;
+    for (const auto& itId : mapSum)
+    {
+        const tagExtCount& st = itId.second;
+        if (st.dwPairs >= c_dwTransportSeqLeast && st.dwSteps * 20ull >= st.dwPairs * 19ull &&
+            st.dwSteps > dwBest)
+        {
+            dwBest = st.dwSteps;
+            m_nTransportSeqId = (int)itId.first;
+        }
+    }
+    if (dwBest > 0)
+    {
+        char szText[160];
+        std::snprintf(szText, sizeof(szText),
+                      "extension id %d: detected as transport-wide sequence (%u of %u steps count packets)",
+                      m_nTransportSeqId, dwBest, mapSum[(uint32)m_nTransportSeqId].dwPairs);
+        Guessed(szText);
+    }
+    m_mapExtCounts.clear();
+}
+
+// The record of an SSRC that is no stream yet. When too many are on probation, the oldest gives way: noise makes
+// many SSRCs of one packet each, a stream soon has a second.
+tagCandidate* CRtpIntakeImpl::Candidate(const tagRtpKey& stKey)
+{
+    const auto it = m_mapCandidates.find(stKey);
+    if (it != m_mapCandidates.end())
+        return &it->second;
+    if (m_nUnconfirmed >= std::max<size_t>(m_stOptions.dwMaxCandidates, 1))
+    {
+        auto itOldest = m_mapCandidates.end();
+        for (auto itCandidate = m_mapCandidates.begin(); itCandidate != m_mapCandidates.end(); ++itCandidate)
+        {
+            if (!itCandidate->second.learn.Alive() &&
+                (itOldest == m_mapCandidates.end() ||
+                 itCandidate->second.ullOrder < itOldest->second.ullOrder))
+                itOldest = itCandidate;
+        }
+        if (itOldest != m_mapCandidates.end())
+        {
+            if (itOldest->second.bHeld)
+                Drop(RTP_DROP_SSRC_UNCONFIRMED);
+            m_mapCandidates.erase(itOldest);
+            m_nUnconfirmed--;
+        }
+    }
+    if (m_mapCandidates.size() >= (size_t)m_stOptions.dwMaxStreams + m_stOptions.dwMaxCandidates)
+        return nullptr;
+    tagCandidate& stNew = m_mapCandidates[stKey];
+    stNew.ullOrder = m_ullCandidates++;
+    m_nUnconfirmed++;
+    return &stNew;
+}
+
+void CRtpIntakeImpl::Learn(const tagRtpKey& stKey, tagCandidate& stCandidate,
+                           const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader)
+{
+    const uint8* pPayload = stDatagram.pData + stHeader.dwHeadLen;
+    const bool bWasAlive = stCandidate.learn.Alive();
+    stCandidate.learn.OnPacket(stHeader, pPayload, stDatagram.ullArrivalUs);
+    if (!bWasAlive && stCandidate.learn.Alive())
+        m_nUnconfirmed--;
+
+    if (stHeader.dwCaptured < 2 || stCandidate.learn.RtxTests() >= CRtpLearn::c_dwRtxTests ||
+        RtpStaticFormat(stHeader.cPt) != nullptr)
+        return;
+    stCandidate.learn.CountRtxTest();
+    size_t nTested = 0;
+    for (const auto& itOther : m_mapCandidates)
+    {
+        if (itOther.first.dwSsrc == stKey.dwSsrc || !itOther.second.learn.Alive())
+            continue;
+        stCandidate.learn.TestRtx(stHeader, pPayload, itOther.first.dwSsrc, itOther.second.learn);
+        if (++nTested == c_nMaxRtxOriginals)
+            break;
+    }
+}
+
+void CRtpIntakeImpl::LearnTransportSeq(const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader)
+{
+    if (stHeader.dwExtLen == 0)
+        return;
+    const tagTransport stTransport{stDatagram.stSrc, stDatagram.stDst};
+    if (m_mapExtCounts.size() >= c_nMaxTransports && m_mapExtCounts.count(stTransport) == 0)
+        return;
+    std::map<uint32, tagExtCount>& mapCounts = m_mapExtCounts[stTransport];
+    ForEachExtension(stDatagram.pData, stHeader,
+                     [&mapCounts](uint32 dwId, const uint8* pData, uint32 dwLen)
+                     {
+                         if (dwLen != 2)
+                             return;
+                         tagExtCount& st = mapCounts[dwId];
+                         const uint16 wValue = (uint16)(pData[0] << 8 | pData[1]);
+                         const int16_t nStep = (int16_t)(uint16)(wValue - st.wLast);
+                         if (st.bSeen)
+                         {
+                             st.dwPairs++;
+                             st.dwSteps += nStep != 0 && nStep > -64 && nStep < 64 ? 1 : 0;
+                         }
+                         st.bSeen = true;
+                         st.wLast = wValue;
+                     });
+}
+
+void CRtpIntakeImpl::Hear(const tagRtpEvent& stEvent, bool bFirstSr)
+{
+    if (stEvent.eType != RTP_EVENT_SR && stEvent.eType != RTP_EVENT_CNAME && stEvent.eType != RTP_EVENT_BYE)
+        return;
+    auto it = m_mapHeard.find(stEvent.dwSenderSsrc);
+    if (it == m_mapHeard.end())
+    {
+        if (m_mapHeard.size() >= c_nMaxHeard)
+            return;
+        it = m_mapHeard.emplace(stEvent.dwSenderSsrc, tagHeard()).first;
+    }
+    tagHeard& stHeard = it->second;
+    if (stEvent.eType == RTP_EVENT_CNAME && (stHeard.strCname.empty() || !bFirstSr))
+        stHeard.strCname = stEvent.strCname;
+    // NTP 0 says that the sender has no wall clock.
+    if (stEvent.eType == RTP_EVENT_SR && stEvent.ullNtp != 0 && (!stHeard.bSr || !bFirstSr))
+    {
+        stHeard.bSr = true;
+        stHeard.llNtpUs = NtpToUs(stEvent.ullNtp);
+        stHeard.dwSrTs = stEvent.dwRtpTs;
+    }
+}
+
+void CRtpIntakeImpl::Guessed(const std::string& strLine)
+{
+    if (m_vecGuesses.size() < c_nMaxGuesses)
+        m_vecGuesses.push_back(strLine);
+}
+
+// ---- Streams ----
+
+tagStream* CRtpIntakeImpl::FindStream(uint32 dwSsrc, const tagRtpAddr& stDst)
+{
+    const auto it = m_mapStreams.find(tagRtpKey{dwSsrc, stDst});
+    return it == m_mapStreams.end() ? nullptr : m_vecStreams[it->second].get();
+}
+
+int CRtpIntakeImpl::StreamOf(uint32 dwSsrc) const
+{
+    const auto it = m_mapStreamOfSsrc.find(dwSsrc);
+    return it == m_mapStreamOfSsrc.end() ? -1 : (int)it->second;
+}
+
+tagStream* CRtpIntakeImpl::FindOriginal(const tagStream& stRtx)
+{
+    if (stRtx.bOriginalKnown)
+    {
+        if (tagStream* pSame = FindStream(stRtx.dwOriginalSsrc, stRtx.stInfo.stDst))
+            return pSame;
+        const int nStream = StreamOf(stRtx.dwOriginalSsrc);
+        return nStream < 0 ? nullptr : m_vecStreams[(size_t)nStream].get();
+    }
+    // Only the payload type is known to repeat another: the one stream from the same sender that carries it.
+    tagStream* pOnly = nullptr;
+    for (const auto& pStream : m_vecStreams)
+    {
+        if (pStream->stInfo.llAccount == 0 || pStream->stInfo.cPt != stRtx.stInfo.stFormat.nApt ||
+            !(pStream->stInfo.stSrc == stRtx.stInfo.stSrc))
+            continue;
+        if (pOnly != nullptr)
+            return nullptr;
+        pOnly = pStream.get();
+    }
+    return pOnly;
+}
+
+// Kind, codec and clock: the user's word, RTX by what it repeats, RFC 3551, then what the packets look like.
+void CRtpIntakeImpl::Format(tagStream& stStream, const CRtpLearn& learn)
+{
+    tagRtpStreamInfo& stInfo = stStream.stInfo;
+    char szText[128];
+    std::snprintf(szText, sizeof(szText), "SSRC %08x PT %u: ", stInfo.dwSsrc, (unsigned)stInfo.cPt);
+    const std::string strWho = szText;
+    std::string strWhy;
+
+    const auto itMapped = m_stOptions.mapFormats.find(stInfo.cPt);
+    const auto itRtx = m_stOptions.mapRtxSsrc.find(stInfo.dwSsrc);
+    if (itMapped != m_stOptions.mapFormats.end())
+        stInfo.stFormat = itMapped->second;
+    if (itRtx != m_stOptions.mapRtxSsrc.end())
+    {
+        stInfo.stFormat.eKind = RTP_KIND_RTX;
+        stInfo.stFormat.strCodec = "rtx";
+        stStream.bOriginalKnown = true;
+        stStream.dwOriginalSsrc = itRtx->second;
+        return;
+    }
+    if (stInfo.stFormat.eKind == RTP_KIND_RTX || stInfo.stFormat.eKind == RTP_KIND_UNKNOWN)
+    {
+        if (learn.RtxOriginal(stStream.dwOriginalSsrc, strWhy))
+        {
+            stStream.bOriginalKnown = true;
+            stInfo.bGuessed = stInfo.stFormat.eKind == RTP_KIND_UNKNOWN;
+            stInfo.stFormat.eKind = RTP_KIND_RTX;
+            stInfo.stFormat.strCodec = "rtx";
+            Guessed(strWho + "guessed RTX (" + strWhy + ")");
+        }
+        if (stInfo.stFormat.eKind == RTP_KIND_RTX)
+            return;
+    }
+    if (stInfo.stFormat.eKind != RTP_KIND_UNKNOWN)
+        return;
+    if (const tagRtpFormat* pStatic = RtpStaticFormat(stInfo.cPt))
+    {
+        stInfo.stFormat = *pStatic;
+        return;
+    }
+    stInfo.stFormat = learn.Guess(strWhy);
+    stInfo.bGuessed = true;
+    std::snprintf(szText, sizeof(szText), "guessed %s/%u (", stInfo.stFormat.strCodec.c_str(),
+                  stInfo.stFormat.dwClock);
+    Guessed(strWho + szText + strWhy + ")");
+}
+
+tagStream& CRtpIntakeImpl::Begin(const tagRtpKey& stKey, const CRtpLearn& learn,
+                                 const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader)
+{
+    std::unique_ptr<tagStream> pStream(new tagStream);
+    tagStream& stStream = *pStream;
+    stStream.stKey = stKey;
+    tagRtpStreamInfo& stInfo = stStream.stInfo;
+    stInfo.dwSsrc = stKey.dwSsrc;
+    stInfo.stSrc = stDatagram.stSrc;
+    stInfo.stDst = stDatagram.stDst;
+    stInfo.cPt = learn.Packets() > 0 ? learn.MainPt() : stHeader.cPt;
+    Format(stStream, learn);
+    stStream.dwClock = stInfo.stFormat.dwClock;
+    stStream.eForm = RtpPayloadForm(stInfo.stFormat.strCodec);
+
+    const uint32 dwIndex = (uint32)m_vecStreams.size();
+    m_vecStreams.push_back(std::move(pStream));
+    m_mapStreams[stKey] = dwIndex;
+    m_mapStreamOfSsrc[stKey.dwSsrc] = dwIndex;
+
+    if (stInfo.stFormat.eKind == RTP_KIND_RTX)
+    {
+        if (const tagStream* pOriginal = FindOriginal(stStream))
+        {
+            stInfo.nRtxOf = StreamOf(pOriginal->stInfo.dwSsrc);
+            if (stStream.dwClock == 0)
+                stStream.dwClock = stInfo.stFormat.dwClock = pOriginal->dwClock;
+        }
+    }
+    else if (stInfo.stFormat.eKind != RTP_KIND_FEC)
+        Settle(stStream, stDatagram, stHeader.dwTs);
+    return stStream;
+}
+
+// Whose stream it is, and where its first packet stands on that user's timeline.
+//
+// A user is a CNAME. His first audio is sub-type 1, his videos are 2, 7 and 3; what has no sub-type left, like
+// a second microphone, is a user of its own, as two streams under one key would be one stream to the receiver.
+void CRtpIntakeImpl::Settle(tagStream& stStream, const tagRtpDatagram& stDatagram, uint32 dwFirstTs)
+{
+    tagRtpStreamInfo& stInfo = stStream.stInfo;
+    const auto itHeard = m_mapHeard.find(stInfo.dwSsrc);
+    if (itHeard != m_mapHeard.end())
+        stInfo.strCname = itHeard->second.strCname;
+
+    const bool bAudio = stInfo.stFormat.eKind == RTP_KIND_AUDIO;
+    const std::vector<uint8> vecSubTypes =
+        bAudio ? std::vector<uint8>{MEAVAudio} : std::vector<uint8>{MEAVMaxVideo, MEAVSubVideo, MEAVMinVideo};
+    // Accounts in order of preference; the last cannot be taken, as each stream has its own index in it.
+    std::vector<uint64> vecAccounts;
+    if (!stInfo.strCname.empty())
+        vecAccounts.push_back(RtpAccountOfCname(stInfo.strCname));
+    if (stInfo.dwSsrc != 0)
+        vecAccounts.push_back(stInfo.dwSsrc);
+    vecAccounts.push_back((uint64)m_vecStreams.size() << 32 | stInfo.dwSsrc);
+    for (uint64 llAccount : vecAccounts)
+    {
+        const tagUser& stTaken = m_mapUsers[llAccount];
+        const auto itFree = std::find_if(vecSubTypes.begin(), vecSubTypes.end(),
+                                         [&](uint8 c) { return stTaken.setSubTypes.count(c) == 0; });
+        stInfo.llAccount = llAccount;
+        stInfo.cSubType = itFree == vecSubTypes.end() ? vecSubTypes.front() : *itFree;
+        if (itFree != vecSubTypes.end())
+            break;
+    }
+
+    tagUser& stUser = m_mapUsers[stInfo.llAccount];
+    const bool bFirst = stUser.setSubTypes.empty();
+    stUser.setSubTypes.insert(stInfo.cSubType);
+    if (bFirst)
+        stUser.ullFirstUs = stDatagram.ullArrivalUs;
+    stStream.llBaseUs = (int64_t)(stDatagram.ullArrivalUs - stUser.ullFirstUs);
+    if (itHeard != m_mapHeard.end() && itHeard->second.bSr && stStream.dwClock != 0)
+    {
+        const int64_t llNtpUs = itHeard->second.llNtpUs +
+                                TicksToUs((int32_t)(dwFirstTs - itHeard->second.dwSrTs), stStream.dwClock);
+        if (!stUser.bSr)
+        {
+            stUser.bSr = true;
+            stUser.llNtpUs = llNtpUs;
+            stUser.llSrUs = stStream.llBaseUs;
+            stInfo.bPlacedBySr = bFirst;
+        }
+        else
+        {
+            const int64_t llSrUs = stUser.llSrUs + llNtpUs - stUser.llNtpUs;
+            if (std::llabs(llSrUs - stStream.llBaseUs) <= c_llMaxSrSkewUs)
+            {
+                stStream.llBaseUs = llSrUs;
+                stInfo.bPlacedBySr = true;
+            }
+        }
+    }
+    if (!bAudio)
+        stStream.pFrames.reset(new CRtpFrames(m_stOptions.dwLookAheadPackets + 256));
+}
+
+// ---- Packets ----
+
+void CRtpIntakeImpl::Push(const tagRtpDatagram& stDatagram)
+{
+    m_ullNewestUs = std::max(m_ullNewestUs, stDatagram.ullArrivalUs);
+    tagRtpHeader stHeader;
+    bool bRtcp = false;
+    if (!TellApart(stDatagram, stHeader, bRtcp, m_stTotals))
+        return;
+    if (bRtcp)
+    {
+        m_stTotals.ullRtcp++;
+        OnRtcp(stDatagram);
+        return;
+    }
+    m_stTotals.ullRtp++;
+    OnRtp(stDatagram, stHeader);
+}
+
+void CRtpIntakeImpl::OnRtcp(const tagRtpDatagram& stDatagram)
+{
+    m_vecEvents.clear();
+    m_rtcp.Read(stDatagram.pData, stDatagram.dwCaptured, m_vecEvents, m_stTotals);
+    for (tagRtpEvent& stEvent : m_vecEvents)
+    {
+        stEvent.ullArrivalUs = stDatagram.ullArrivalUs;
+        stEvent.nStream = StreamOf(stEvent.dwMediaSsrc);
+        if (!m_bScanned)
+            Hear(stEvent, false);
+        tagStream* pStream = stEvent.nStream < 0 ? nullptr : m_vecStreams[(size_t)stEvent.nStream].get();
+        if (pStream != nullptr)
+        {
+            tagRtpStreamInfo& stInfo = pStream->stInfo;
+            switch (stEvent.eType)
+            {
+            case RTP_EVENT_SR: stInfo.ullSenderReports++; break;
+            case RTP_EVENT_RR: stInfo.ullReceiverReports++; break;
+            case RTP_EVENT_CNAME:
+                if (stInfo.strCname.empty())
+                    stInfo.strCname = stEvent.strCname;
+                break;
+            case RTP_EVENT_BYE: stInfo.bBye = true; break;
+            case RTP_EVENT_NACK:
+                stInfo.ullNacks++;
+                stInfo.ullNackedSeqs += stEvent.vecRtpSeq.size();
+                for (uint16 wSeq : stEvent.vecRtpSeq)
+                    stEvent.vecSendSeq.push_back((uint32)pStream->seq.Peek(wSeq));
+                break;
+            case RTP_EVENT_PLI: stInfo.ullPlis++; break;
+            }
+        }
+        if (m_dequeEvents.size() >= std::max<size_t>(m_stOptions.dwMaxEvents, 1))
+        {
+            m_dequeEvents.pop_front();
+            m_stTotals.ullEventsDropped++;
+        }
+        m_dequeEvents.push_back(stEvent);
+    }
+}
+
+void CRtpIntakeImpl::OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader)
+{
+    const tagRtpKey stKey{stHeader.dwSsrc, stDatagram.stDst};
+    if (tagStream* pStream = FindStream(stKey.dwSsrc, stKey.stDst))
+    {
+        if (!m_bScanned) // an RTX stream that begins later is told by this stream's newest sequence
+        {
+            const auto it = m_mapCandidates.find(stKey);
+            if (it != m_mapCandidates.end())
+                Learn(stKey, it->second, stDatagram, stHeader);
+        }
+        OnStreamPacket(*pStream, stDatagram, stHeader);
+        return;
+    }
+    if (m_vecStreams.size() >= m_stOptions.dwMaxStreams)
+    {
+        Drop(RTP_DROP_SSRC_TOO_MANY);
+        return;
+    }
+    const bool bMapped = m_stOptions.mapFormats.count(stHeader.cPt) > 0;
+    tagCandidate* pCandidate = nullptr;
+    if (m_bScanned)
+    {
+        const auto it = m_mapCandidates.find(stKey);
+        if (it == m_mapCandidates.end() || !(it->second.learn.Alive() || bMapped))
+        {
+            Drop(RTP_DROP_SSRC_UNCONFIRMED);
+            return;
+        }
+        pCandidate = &it->second;
+    }
+    else
+    {
+        pCandidate = Candidate(stKey);
+        if (pCandidate == nullptr)
+        {
+            Drop(RTP_DROP_SSRC_TOO_MANY);
+            return;
+        }
+        Learn(stKey, *pCandidate, stDatagram, stHeader);
+        if (!pCandidate->learn.Alive() && !bMapped)
+        {
+            // Its first packet is not lost: it goes ahead of the one that confirms it.
+            if (pCandidate->bHeld)
+                Drop(RTP_DROP_SSRC_UNCONFIRMED);
+            pCandidate->bHeld = true;
+            pCandidate->stHeld = stDatagram;
+            pCandidate->vecHeld.assign(stDatagram.pData, stDatagram.pData + stDatagram.dwCaptured);
+            return;
+        }
+    }
+
+    if (!pCandidate->bHeld)
+    {
+        OnStreamPacket(Begin(stKey, pCandidate->learn, stDatagram, stHeader), stDatagram, stHeader);
+        return;
+    }
+    tagRtpDatagram stHeld = pCandidate->stHeld;
+    const std::vector<uint8> vecHeld = std::move(pCandidate->vecHeld);
+    pCandidate->vecHeld.clear();
+    pCandidate->bHeld = false;
+    stHeld.pData = vecHeld.data();
+    tagRtpHeader stHeldHeader;
+    emRtpDrop eReason = RTP_DROP_NOT_RTP;
+    ParseRtp(stHeld.pData, stHeld.dwCaptured, stHeld.dwWire, stHeldHeader, eReason);
+    tagStream& stStream = Begin(stKey, pCandidate->learn, stHeld, stHeldHeader);
+    OnStreamPacket(stStream, stHeld, stHeldHeader);
+    OnStreamPacket(stStream, stDatagram, stHeader);
+}
+
+// The lane whose count the packet carries on the downlink.
+CRtpDownlink::CLane& CRtpIntakeImpl::Lane(tagStream& stStream, const tagRtpDatagram& stDatagram,
+                                          const tagRtpHeader& stHeader, uint16& wSeq)
+{
+    bool bTransport = false;
+    if (m_nTransportSeqId > 0)
+    {
+        ForEachExtension(stDatagram.pData, stHeader,
+                         [&](uint32 dwId, const uint8* pData, uint32 dwLen)
+                         {
+                             if (dwId != (uint32)m_nTransportSeqId || dwLen != 2)
+                                 return;
+                             bTransport = true;
+                             wSeq = (uint16)(pData[0] << 8 | pData[1]);
+                         });
+    }
+    if (bTransport)
+    {
+        const tagTransport stTransport{stDatagram.stSrc, stDatagram.stDst};
+        if (m_mapTransportLanes.size() < m_stOptions.dwMaxStreams ||
+            m_mapTransportLanes.count(stTransport) > 0)
+            return m_mapTransportLanes[stTransport];
+    }
+    wSeq = stHeader.wSeq;
+    return stStream.lane;
+}
+
+void CRtpIntakeImpl::OnStreamPacket(tagStream& stStream, const tagRtpDatagram& stDatagram,
+                                    const tagRtpHeader& stHeader)
+{
+    // The wire's own figures, whatever becomes of the packet.
+    const uint32 dwWire = std::max(stDatagram.dwWire, stDatagram.dwCaptured);
+    stStream.stat.OnPacket(stDatagram.ullArrivalUs, stHeader.wSeq, stHeader.dwTs, dwWire, stStream.dwClock);
+
+    uint16 wLaneSeq = 0;
+    CRtpDownlink::CLane& lane = Lane(stStream, stDatagram, stHeader, wLaneSeq);
+
+    const auto itFormat = m_stOptions.mapFormats.find(stHeader.cPt);
+    const emRtpKind ePtKind =
+        itFormat == m_stOptions.mapFormats.end() ? stStream.stInfo.stFormat.eKind : itFormat->second.eKind;
+    if (ePtKind == RTP_KIND_FEC)
+    {
+        m_downlink.Skip(lane, wLaneSeq);
+        Drop(RTP_DROP_FEC);
+        return;
+    }
+    if (stStream.stInfo.stFormat.eKind == RTP_KIND_RTX)
+    {
+        tagStream* pOriginal = nullptr;
+        tagRtpHeader stOriginal;
+        if (!UnwrapRtx(stStream, stDatagram, stHeader, pOriginal, stOriginal))
+        {
+            m_downlink.Skip(lane, wLaneSeq);
+            return;
+        }
+        // The original packet again: its head with its own sequence, type and SSRC, the two bytes taken out.
+        std::vector<uint8> vecRtp(stDatagram.pData, stDatagram.pData + stHeader.dwHeadLen);
+        vecRtp[0] = (uint8)(vecRtp[0] & ~0x20); // padding, if any, was left behind
+        vecRtp[1] = (uint8)((vecRtp[1] & 0x80) | stOriginal.cPt);
+        vecRtp[2] = (uint8)(stOriginal.wSeq >> 8);
+        vecRtp[3] = (uint8)stOriginal.wSeq;
+        for (int i = 0; i < 4; i++)
+            vecRtp[8 + (size_t)i] = (uint8)(stOriginal.dwSsrc >> (24 - 8 * i));
+        const uint8* pPayload = stDatagram.pData + stHeader.dwHeadLen + 2;
+        vecRtp.insert(vecRtp.end(), pPayload, pPayload + stOriginal.dwCaptured);
+        Place(*pOriginal, stDatagram, stOriginal, std::move(vecRtp), true, m_downlink.Number(lane, wLaneSeq));
+        return;
+    }
+    Place(stStream, stDatagram, stHeader,
+          std::vector<uint8>(stDatagram.pData, stDatagram.pData + stDatagram.dwCaptured), false,
+          m_downlink.Number(lane, wLaneSeq));
+}
+
+bool CRtpIntakeImpl::UnwrapRtx(tagStream& stRtx, const tagRtpDatagram& stDatagram,
+                               const tagRtpHeader& stHeader, tagStream*& pOriginal, tagRtpHeader& stOriginal)
+{
+    if (stHeader.dwPayload < 2)
+    {
+        Drop(RTP_DROP_RTX_PADDING);
+        return false;
+    }
+    if (stHeader.dwCaptured < 2)
+    {
+        Drop(RTP_DROP_RTP_CUT);
+        return false;
+    }
+    pOriginal = FindOriginal(stRtx);
+    if (pOriginal == nullptr || pOriginal->stInfo.llAccount == 0)
+    {
+        Drop(RTP_DROP_RTX_UNKNOWN);
+        return false;
+    }
+    stRtx.stInfo.nRtxOf = StreamOf(pOriginal->stInfo.dwSsrc);
+    if (stRtx.dwClock == 0)
+        stRtx.dwClock = stRtx.stInfo.stFormat.dwClock = pOriginal->dwClock;
+
+    const uint8* pPayload = stDatagram.pData + stHeader.dwHeadLen;
+    stOriginal = stHeader;
+    stOriginal.wSeq = (uint16)(pPayload[0] << 8 | pPayload[1]);
+    stOriginal.dwSsrc = pOriginal->stInfo.dwSsrc;
+    stOriginal.cPt =
+        stRtx.stInfo.stFormat.nApt >= 0 ? (uint8)stRtx.stInfo.stFormat.nApt : pOriginal->stInfo.cPt;
+    stOriginal.dwPayload -= 2;
+    stOriginal.dwCaptured -= 2;
+    pOriginal->stInfo.ullRtxPackets++;
+    return true;
+}
+
+// Numbers the packet in its stream and on its user's timeline, and queues it.
+//
+// A sender that starts anew (sequence or timestamp far from where the stream was) would be noticed here, before
+// the three unwrappers below take the packet; today such a jump is taken as it comes.
+void CRtpIntakeImpl::Place(tagStream& stStream, const tagRtpDatagram& stDatagram,
+                           const tagRtpHeader& stHeader, std::vector<uint8> vecRtp, bool bByRtx,
+                           uint32 dwDownSeq)
+{
+    const tagRtpStreamInfo& stInfo = stStream.stInfo;
+    m_dequeOut.emplace_back();
+    tagWaiting& stWaiting = m_dequeOut.back();
+    tagRtpMedia& st = stWaiting.stMedia;
+    stWaiting.llSeq = stStream.seq.Take(stHeader.wSeq);
+    const int64_t llTs = stStream.ts.Take(stHeader.dwTs);
+    const bool bNew = stStream.window.Mark(stWaiting.llSeq);
+    if (bByRtx && bNew)
+        stStream.stInfo.ullRtxRepaired++;
+
+    const int64_t llUs = stStream.llBaseUs + (stStream.dwClock != 0 ? TicksToUs(llTs, stStream.dwClock) : 0);
+    const int64_t llMs = std::max<int64_t>(c_llFirstMediaMs + FloorDiv(llUs, 1000), 1);
+
+    st.dwSendSeq = (uint32)stWaiting.llSeq;
+    st.llAccount = stInfo.llAccount;
+    st.dwSeq = dwDownSeq;
+    st.cSubType = stInfo.cSubType;
+    st.wLen = (uint16)std::min<uint32>(stHeader.dwPayload, 0xFFFF);
+    st.stHead.cHeadLen = (uint8)std::min<uint32>(stHeader.dwHeadLen, 0xFF);
+    st.stHead.cSubType = stInfo.cSubType;
+    st.stHead.uTimeStamp = (uint32)llMs; // modulo 2^32
+    st.wTimeStamp = (uint16)llMs;        // modulo 65536
+
+    st.dwStream = m_mapStreams.at(stStream.stKey);
+    st.ullArrivalUs = stDatagram.ullArrivalUs;
+    st.stSrc = stDatagram.stSrc;
+    st.stDst = stDatagram.stDst;
+    st.dwSsrc = stHeader.dwSsrc;
+    st.cPt = stHeader.cPt;
+    st.wRtpSeq = stHeader.wSeq;
+    st.dwRtpTs = stHeader.dwTs;
+    st.bMarker = stHeader.bMarker;
+    st.bByRtx = bByRtx;
+    st.bDuplicate = !bNew;
+    st.wHeadLen = (uint16)std::min<uint32>(stHeader.dwHeadLen, 0xFFFF);
+    st.dwWireLen = stHeader.dwHeadLen + stHeader.dwPayload;
+    st.vecRtp = std::move(vecRtp);
+    if (!bByRtx)
+        st.dwWireLen = std::max(stDatagram.dwWire, stDatagram.dwCaptured);
+
+    if (stStream.pFrames == nullptr)
+    {
+        // Audio: every packet is a frame that can be played by itself.
+        st.stHead.cFrmType = def_FrameType_I;
+        st.stHead.cTotalPkgCount = 1;
+        st.stHead.cFrameIndex = (uint8)st.dwSendSeq; // modulo 256
+        return;
+    }
+    const uint8* pPayload = st.vecRtp.data() + stHeader.dwHeadLen;
+    const tagRtpMark stMark = ReadRtpMark(stStream.eForm, pPayload, stHeader.dwCaptured);
+    st.bKeyMark = stMark.bKey;
+    stWaiting.pFrames = stStream.pFrames.get();
+    stWaiting.pFrame = stStream.pFrames->Add(stWaiting.llSeq, llTs, stHeader.bMarker, stMark, !bNew);
+}
+
+bool CRtpIntakeImpl::IsReady(const tagWaiting& stWaiting) const
+{
+    if (m_bFlushed || stWaiting.pFrame == nullptr)
+        return true;
+    const uint64 ullArrivalUs = stWaiting.stMedia.ullArrivalUs;
+    const uint64 ullAgeUs = m_ullNewestUs > ullArrivalUs ? m_ullNewestUs - ullArrivalUs : 0;
+    if (m_stOptions.bLive)
+        return stWaiting.pFrame->bDecided || stWaiting.pFrame->bKey || ullAgeUs >= c_ullTypeWaitUs ||
+               m_dequeOut.size() > m_stOptions.dwLookAheadPackets;
+    return m_dequeOut.size() > m_stOptions.dwLookAheadPackets ||
+           ullAgeUs >= (uint64)m_stOptions.dwLookAheadMs * 1000 ||
+           stWaiting.pFrames->IsSettled(*stWaiting.pFrame);
+}
+
+bool CRtpIntakeImpl::Pop(tagRtpMedia& stMedia)
+{
+    if (m_dequeOut.empty() || !IsReady(m_dequeOut.front()))
+        return false;
+    tagWaiting& stWaiting = m_dequeOut.front();
+    if (stWaiting.pFrame != nullptr)
+        stWaiting.pFrames->Number(*stWaiting.pFrame, stWaiting.llSeq, m_stOptions.bLive,
+                                  stWaiting.stMedia.stHead);
+    stMedia = std::move(stWaiting.stMedia);
+    m_dequeOut.pop_front();
+    m_stTotals.ullMedia++;
+    return true;
+}
+
+void CRtpIntakeImpl::Flush()
+{
+    m_bFlushed = true;
+    for (auto& it : m_mapCandidates)
+    {
+        if (!it.second.bHeld)
+            continue;
+        it.second.bHeld = false;
+        it.second.vecHeld.clear();
+        Drop(RTP_DROP_SSRC_UNCONFIRMED);
+    }
+}
+
+bool CRtpIntakeImpl::PopEvent(tagRtpEvent& stEvent)
+{
+    if (m_dequeEvents.empty())
+        return false;
+    stEvent = std::move(m_dequeEvents.front());
+    m_dequeEvents.pop_front();
+    return true;
+}
+
+tagRtpStreamInfo CRtpIntakeImpl::Stream(uint32 dwStream) const
+{
+    if (dwStream >= m_vecStreams.size())
+        return tagRtpStreamInfo();
+    tagRtpStreamInfo stInfo = m_vecStreams[dwStream]->stInfo;
+    stInfo.stStat = m_vecStreams[dwStream]->stat.Get();
+    return stInfo;
+}
+
+// ---- The outside ----
+
+CRtpIntake::CRtpIntake(const tagRtpOptions& stOptions) : m_pImpl(new CRtpIntakeImpl(stOptions)) {}
+CRtpIntake::~CRtpIntake() = default;
+void CRtpIntake::Scan(const tagRtpDatagram& stDatagram) { m_pImpl->Scan(stDatagram); }
+void CRtpIntake::EndScan() { m_pImpl->EndScan(); }
+void CRtpIntake::Push(const tagRtpDatagram& stDatagram) { m_pImpl->Push(stDatagram); }
+bool CRtpIntake::Pop(tagRtpMedia& stMedia) { return m_pImpl->Pop(stMedia); }
+void CRtpIntake::Advance(uint64 ullNowUs) { m_pImpl->Advance(ullNowUs); }
+void CRtpIntake::Flush() { m_pImpl->Flush(); }
+bool CRtpIntake::PopEvent(tagRtpEvent& stEvent) { return m_pImpl->PopEvent(stEvent); }
+uint32 CRtpIntake::StreamCount() const { return (uint32)m_pImpl->m_vecStreams.size(); }
+tagRtpStreamInfo CRtpIntake::Stream(uint32 dwStream) const { return m_pImpl->Stream(dwStream); }
+const tagRtpTotals& CRtpIntake::Totals() const { return m_pImpl->m_stTotals; }
+std::vector<std::string> CRtpIntake::Guesses() const { return m_pImpl->m_vecGuesses; }
+
+uint64 RtpAccountOfCname(const std::string& strCname)
+{
+    uint64 ullHash = 14695981039346656037ull;
+    for (unsigned char c : strCname)
+    {
+        ullHash ^= c;
+        ullHash *= 1099511628211ull;
+    }
+    return ullHash == 0 ? 1 : ullHash;
+}
