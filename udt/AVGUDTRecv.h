@@ -13,6 +13,7 @@
 #include "AVGSpeed.h"
 #include "AVGUDTCodec.h"
 #include "AVGUDTRecvData.h"
+#include "AVGUDTRecvRules.h"
 #include "AVGUDTSeq.h"
 #include "AVGUDTThreadModel.h"
 #include "IUDT.h"
@@ -103,9 +104,18 @@ private:
     uint32 MarkFirstIFrm(tagUinDataBuf& stUinDataBuf);
     uint32 CalcAudLostInfo(tagUinDataBuf& stUinDataBuf);
     uint32 CalcVidLostInfo(tagUinDataBuf& stUinDataBuf);
+    void MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagDataPacket& stCur,
+                     std::vector<uint32>& lossSeqVec);
+    uint32 LostAcrossFrames(const tagUinDataBuf& stUinDataBuf, const tagVidWalk& stWalk,
+                            const tagDataPacket& stCur, uint32 dwLost);
 
     // ---- Requests (AVGUDTRecvRequest.cpp) --------------------------------------------------------------
     void CheckTimeOutNew();
+    uint32 FirstRequestDelay(uint32 dwNow);
+    void CollectDueGaps(uint32 dwNow, const tagRequestTiming& stTiming, MapUinSeq& mapUinPacketIdx);
+    void Housekeep(uint32 dwNow);
+    void FoldLossCounters(uint8 cSubType, tagUinDataBuf& stUinDataBuf);
+    MapUinInPkt::iterator ExpireStream(MapUinInPkt::iterator itStream);
     void RequestLossPacket(MapUinSeq& mapUinPacketIdx);
     boolean RecvDataEvent(uint16 wType, uint8* pBuffer, uint32 nBufSize, uint32 nSendCount, uint32 nUdtV2);
     void CheckPkgRequestFail(uint32 dwNow);
@@ -168,7 +178,7 @@ private:
     shared_uint32 m_dwTimelineDelta;              // [F] ms, written under m_paramlock
     shared_uint32 m_dwUdtRecvMode;                // [F] written under m_paramlock
     shared_uint32 m_dwOutputDelay;                // [F] ms, written under m_paramlock
-    uint32 m_dwUdtParamsChanged;                  // [P] c_dwChanged... flags
+    uint32 m_dwUdtParamsChanged;                  // [P] one flag per byte, emParamChange
     CXPLock m_paramlock;                          // guards [P]
     uint32 m_dwClearRequest;                      // [P] 0: none
     std::list<uint64> m_listClearUin;             // [P] accounts to clear

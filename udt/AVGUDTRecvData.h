@@ -62,6 +62,14 @@ enum emVidResetState
     VID_RESET_DONE = 2
 };
 
+/// Phases of `tagUinDataBuf::dwPFrmCnt`, forwards only, moved by the video loss walk.
+enum emVidPFrmPhase
+{
+    VID_PFRM_NONE = 0,      ///< no P frame yet
+    VID_PFRM_FIRST_RUN = 1, ///< in the first run of P frames: nothing counts as lost
+    VID_PFRM_BEHIND = 2     ///< that run has ended
+};
+
 // ---- Keys --------------------------------------------------------------------------------------------------
 
 /** Names a stream: a user account and a media sub-type. Ordered by account, then sub-type. */

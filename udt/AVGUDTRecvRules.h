@@ -118,6 +118,33 @@ bool IsRequestDue(uint16 wLostReqCnt, uint32 dwSinceArrival, uint32 dwSinceReque
 /// the old count minus the distance. @return true and the count (8-bit) when the rule applies.
 bool HeadLost(const tagDataPacket& stFirst, const tagDataPacket& stSecond, uint8& cLost);
 
+/// The video loss walk: what it knows of the packet before the present one.
+struct tagVidWalk
+{
+    uint32 m_dwPreSeq;
+    uint32 m_dwPreGopIdx;
+    uint32 m_dwPreFrmIdx;
+    int m_nPrePkgIdxLeft;  ///< 0: it ended its frame
+    uint32 m_dwFrmLostNum; ///< missing packets of the present frame so far
+
+    explicit tagVidWalk(const tagDataPacket& stFirst) : m_dwFrmLostNum(stFirst.cFrmLostNum)
+    {
+        StepTo(stFirst);
+    }
+
+    void StepTo(const tagDataPacket& stPkt)
+    {
+        m_dwPreSeq = stPkt.dwSenderSeq;
+        m_dwPreGopIdx = stPkt.cGopIdx;
+        m_dwPreFrmIdx = stPkt.cFrmIdx;
+        m_nPrePkgIdxLeft = stPkt.wVidPkgIdxLeft;
+    }
+    bool IsOtherFrame(const tagDataPacket& stPkt) const
+    {
+        return stPkt.cFrmIdx != m_dwPreFrmIdx || stPkt.cGopIdx != m_dwPreGopIdx;
+    }
+};
+
 // ---- Rates -------------------------------------------------------------------------------------------------
 
 /// lost x dwScale / expected in 32-bit arithmetic, the product wraps; 0 when nothing was expected.
