@@ -17,7 +17,7 @@ namespace lab
 namespace
 {
 
-constexpr char c_szMagic[] = "#!rtpplay1.0 ";
+constexpr char c_szMagic[] = "#!rtpplay1.0";
 constexpr size_t c_nMaxLine = 128;
 constexpr size_t c_nHead = 16;
 constexpr size_t c_nRecordHead = 8;
@@ -25,23 +25,26 @@ constexpr size_t c_nRecordHead = 8;
 uint32 Be32(const uint8* p) { return (uint32)p[0] << 24 | (uint32)p[1] << 16 | (uint32)p[2] << 8 | p[3]; }
 uint16 Be16(const uint8* p) { return (uint16)(p[0] << 8 | p[1]); }
 
-// "#!rtpplay1.0 a.b.c.d/port\n"; false when it is anything else.
+// "#!rtpplay1.0 a.b.c.d/port\n"; false when it is anything else. Some writers leave the address out, or give a
+// host name: then it stays unknown.
 bool ParseLine(const char* pszLine, tagRtpAddr& stSource)
 {
     const size_t nMagic = sizeof(c_szMagic) - 1;
-    if (strncmp(pszLine, c_szMagic, nMagic) != 0)
-        return false;
-    const char* pszSlash = strchr(pszLine, '/');
     const char* pszEnd = strchr(pszLine, '\n');
-    if (!pszSlash || !pszEnd || pszSlash > pszEnd)
+    if (strncmp(pszLine, c_szMagic, nMagic) != 0 || !pszEnd)
         return false;
-    const std::string strHost(pszLine + nMagic, pszSlash);
+    const std::string strRest(pszLine + nMagic, pszEnd);
+    const size_t nSlash = strRest.find('/');
+    if (nSlash == std::string::npos)
+        return strRest.find_first_not_of(" \t\r") == std::string::npos;
+    const std::string strPort = strRest.substr(nSlash + 1);
     char* pszAfter = nullptr;
-    const unsigned long ulPort = strtoul(pszSlash + 1, &pszAfter, 10);
-    if (pszAfter == pszSlash + 1 || ulPort > 65535)
+    const unsigned long ulPort = strtoul(strPort.c_str(), &pszAfter, 10);
+    if (pszAfter == strPort.c_str() || ulPort > 65535)
         return false;
-    // A host name in place of the address is legal and stays unknown.
-    if (inet_pton(AF_INET, strHost.c_str(), stSource.aAddr.data()) == 1)
+    const std::string strHost = strRest.substr(0, nSlash);
+    const size_t nHost = strHost.find_first_not_of(' ');
+    if (nHost != std::string::npos && inet_pton(AF_INET, strHost.c_str() + nHost, stSource.aAddr.data()) == 1)
         stSource.cFamily = 4;
     stSource.wPort = (uint16)ulPort;
     return true;
@@ -58,8 +61,8 @@ std::unique_ptr<CRtpdumpReader> CRtpdumpReader::Open(FILE* pFile, const std::str
     char szLine[c_nMaxLine + 1];
     if (!fgets(szLine, sizeof(szLine), pFile) || !ParseLine(szLine, pReader->m_stSource))
     {
-        strError =
-            fmt::format("{}: offset 0: bad rtpdump head (expected \"#!rtpplay1.0 address/port\")", strPath);
+        strError = fmt::format(
+            "{}: offset 0: bad rtpdump head (expected \"#!rtpplay1.0 address/port\" and a newline)", strPath);
         return nullptr;
     }
     uint8 aHead[c_nHead];

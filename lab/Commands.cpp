@@ -1,0 +1,163 @@
+#include "Commands.h"
+
+#include "Replay.h"
+#include "ReplayReport.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+namespace lab
+{
+
+namespace
+{
+
+constexpr int c_nExitBad = 2;
+
+struct tagReplayArgs
+{
+    tagReplayOptions st;
+    std::string strJson;
+    std::string strMode = "default";
+    std::vector<std::string> vecMaps;
+};
+
+void AddReplay(CLI::App& app, tagReplayArgs& args)
+{
+    CLI::App* p = app.add_subcommand("replay", "Play RTP captures through the receiver, in virtual time");
+    p->add_option("captures", args.st.vecCaptures,
+                  "pcap, pcapng or rtpdump files; several are merged by time")
+        ->required()
+        ->type_name("CAPTURE");
+    p->add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
+        ->type_name("FILE");
+    p->add_option("--out", args.st.strOut, "write what was played, when it was played, as pcap")
+        ->type_name("FILE");
+    p->add_option("--mode", args.strMode, "the receiver's mode: default or low-latency")
+        ->check(CLI::IsMember({"default", "low-latency"}))
+        ->type_name("MODE");
+    p->add_option("--log-level", args.st.nLogLevel,
+                  "print the receiver's log lines up to this level on stderr (4: events, 5: every packet)")
+        ->check(CLI::Range(0, 5))
+        ->type_name("N");
+    p->add_option("--play-delay", args.st.uPlayDelayMs,
+                  "the audio device's delay that the owner reports; audio leaves that much earlier")
+        ->check(CLI::Range(0, 10000))
+        ->type_name("MS");
+    p->add_option("--speed", args.st.dSpeed, "play at N times real time instead of as fast as possible")
+        ->check(CLI::Range(0.001, 1000000.0))
+        ->type_name("N");
+    p->add_option("--map", args.vecMaps,
+                  "what a payload type means: PT=codec/clock, or PT=rtx:APT; may be given again")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->type_name("PT=CODEC/CLOCK");
+}
+
+int Complain(const std::string& strLine)
+{
+    fmt::print(stderr, "udtlab: {}\n", strLine);
+    return c_nExitBad;
+}
+
+bool WriteJson(const std::string& strPath, const tagReplayResult& stResult, std::string& strError)
+{
+    // A CNAME is whatever bytes the peer sent: what is not UTF-8 is replaced.
+    const std::string strText =
+        ReplayJson(stResult).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    FILE* pFile = strPath == "-" ? stdout : fopen(strPath.c_str(), "wb");
+    bool bOk = pFile != nullptr;
+    if (bOk)
+        bOk = fwrite(strText.data(), 1, strText.size(), pFile) == strText.size() && fflush(pFile) == 0;
+    const int nError = errno;
+    if (pFile && pFile != stdout)
+        fclose(pFile);
+    if (!bOk)
+        strError = fmt::format("{}: cannot be written: {}", strPath, strerror(nError));
+    return bOk;
+}
+
+// An output that would overwrite an input is a slip of the hand that costs the input.
+bool SameFile(const std::string& strA, const std::string& strB)
+{
+    char* pszA = realpath(strA.c_str(), nullptr);
+    char* pszB = realpath(strB.c_str(), nullptr);
+    const bool bSame = pszA && pszB && strcmp(pszA, pszB) == 0;
+    free(pszA);
+    free(pszB);
+    return bSame;
+}
+
+int Replay(tagReplayArgs& args)
+{
+    std::string strError;
+    for (const std::string& strMap : args.vecMaps)
+        if (!ParseRtpMap(strMap, args.st.mapFormats, strError))
+            return Complain(fmt::format("--map {}: {}", strMap, strError));
+    for (const std::string& strCapture : args.st.vecCaptures)
+        for (const std::string& strFile : {args.st.strOut, args.strJson})
+            if (SameFile(strCapture, strFile))
+                return Complain(fmt::format("{}: is a capture to be read, it is not overwritten", strFile));
+    args.st.bLowLatency = args.strMode == "low-latency";
+    args.st.bProgress = args.st.nLogLevel == 0;
+    args.st.fnLog = [](const std::string& strLine) { fmt::print(stderr, "{}\n", strLine); };
+
+    const tagReplayResult stResult = RunReplay(args.st);
+
+    const bool bJsonOnly = args.strJson == "-";
+    if (stResult.bPlayed && !bJsonOnly)
+    {
+        const bool bColours = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
+        fmt::print("{}", ReplayTable(stResult, bColours));
+        fflush(stdout);
+    }
+    int nExit = stResult.ExitCode();
+    for (const std::string& strLine : {stResult.strInputError, stResult.strOutputError})
+        if (!strLine.empty())
+            Complain(strLine);
+    if (stResult.bPlayed && !args.strJson.empty() && !WriteJson(args.strJson, stResult, strError))
+    {
+        Complain(strError);
+        nExit = std::max(nExit, c_nExitBad);
+    }
+    if (stResult.ullBroken)
+        fmt::print(stderr, "udtlab: {} checks of the receiver's behaviour were broken; the first: {}\n",
+                   stResult.ullBroken, stResult.vecViolations.front());
+    return nExit;
+}
+
+} // namespace
+
+int Main(int argc, char** argv)
+{
+    CLI::App app("udtlab: a laboratory for the receiver of real-time calls");
+    app.require_subcommand(1);
+    tagReplayArgs replay;
+    AddReplay(app, replay);
+    try
+    {
+        app.parse(argc, argv);
+        if (app.got_subcommand("replay"))
+            return Replay(replay);
+    }
+    catch (const CLI::ParseError& e)
+    {
+        if (e.get_exit_code() == 0) // --help
+            return app.exit(e);
+        return Complain(e.what());
+    }
+    catch (const std::exception& e)
+    {
+        return Complain(e.what());
+    }
+    return 0;
+}
+
+} // namespace lab

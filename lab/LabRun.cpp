@@ -1,0 +1,97 @@
+#include "LabRun.h"
+
+#include <cstring>
+
+namespace lab
+{
+
+CLabRun::CLabRun(const tagRunOptions& stOptions, IRunObserver& observer)
+    : m_ullStartTick(stOptions.ullStartTick), m_observer(observer), m_clock(stOptions.ullStartTick),
+      m_tap(
+          stOptions.nLogLevel,
+          [this, nLevel = stOptions.nLogLevel](UDT_LOG_LEVEL eLevel, const char* pszFunc, const char* pszText)
+          {
+              m_checks.LogLine(pszText);
+              if ((int)eLevel <= nLevel)
+                  m_observer.OnLogLine(eLevel, pszFunc, pszText, MsSinceStart((uint32)m_clock.Tick()));
+          }),
+      m_pRecv(std::make_unique<CAVGUdtRecv>(static_cast<IUDTRecvEventCallBack*>(this)))
+{
+    m_checks.SetStartTick((uint32)m_ullStartTick);
+    if (stOptions.bLowLatency)
+    {
+        // A 0 is taken for these two, so the values in force are repeated.
+        tagUDTRecvParams stParams;
+        stParams.wUdtMode = 1;
+        stParams.wOutPutDelay = 200;
+        stParams.wPushGopNum = 2;
+        m_pRecv->UDTSetRecvParams(stParams);
+    }
+    m_pRecv->SetOwnerDriven(TRUE);
+    m_pRecv->Start();
+    m_pRecv->SetRoomState(3);
+}
+
+CLabRun::~CLabRun() { Stop(); }
+
+CMediaPacket* CLabRun::NewPacket(const tagUdtPacketHeadInfo& stHead)
+{
+    return new CMediaPacket(stHead, this);
+}
+
+void CLabRun::Feed(CMediaPacket* pPacket, int64 llTimeUs)
+{
+    CScopePtr<UDTCodecBaseDecode_V2> pHeld(pPacket);
+    m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
+    m_checks.Fed(*pPacket, (uint32)m_clock.Tick());
+    m_pRecv->UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
+                               pPacket->m_cSubType, pPacket);
+}
+
+void CLabRun::Turn(int64 llTimeUs)
+{
+    m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
+    m_checks.TurnBegins((uint32)m_clock.Tick());
+    m_pRecv->RunTurn();
+    m_checks.TurnEnds();
+}
+
+void CLabRun::Stop()
+{
+    if (!m_pRecv)
+        return;
+    m_checks.StopBegins();
+    m_pRecv->Stop();
+    m_pRecv.reset();
+    m_checks.Finish();
+}
+
+uint32 CLabRun::LiveStreams()
+{
+    tagRecvInfo stInfo;
+    m_pRecv->GetRecvInfo(stInfo);
+    return stInfo.dwChnNum;
+}
+
+void CLabRun::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
+{
+    CMediaPacket& packet = static_cast<CMediaPacket&>(*pPacket); // nothing else was ever fed
+    m_checks.Released(packet);
+    *pnDelay = m_observer.OnReleased(packet, (uint32)m_clock.Tick());
+}
+
+int CLabRun::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uint32, uint32)
+{
+    if (wType == AVGUdtRecvPacketEvent_LossRequest)
+        m_observer.OnLossRequest(reinterpret_cast<const tagReplyData*>(pBuffer), nBufSize,
+                                 (uint32)m_clock.Tick());
+    return 0;
+}
+
+int CLabRun::UdtParsePacketHeadInfo(uint8* pBuf, UdtPacketHeadInfo& stHead)
+{
+    memcpy(&stHead, pBuf, sizeof(stHead));
+    return 0;
+}
+
+} // namespace lab

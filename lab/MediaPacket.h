@@ -1,0 +1,74 @@
+// The packet object that the lab feeds to a receiver.
+#ifndef LAB_MEDIAPACKET_H
+#define LAB_MEDIAPACKET_H
+
+#include "AVGUDTCodec.h"
+#include "IUDT.h"
+#include "RtpTypes.h"
+
+#include <cstring>
+#include <vector>
+
+namespace lab
+{
+
+class CMediaPacket;
+
+// Told when the last reference to a packet was let go.
+class IPacketKeeper
+{
+public:
+    virtual void OnPacketGone(CMediaPacket& packet) = 0;
+
+protected:
+    ~IPacketKeeper() = default;
+};
+
+// One packet on its way through a receiver, with what a run wants to know about it afterwards. The body that
+// the receiver hands back for parsing is the packet's own image of the media head.
+class CMediaPacket : public UDTCodecBaseDecode_V2
+{
+public:
+    explicit CMediaPacket(const tagUdtPacketHeadInfo& stHead, IPacketKeeper* pKeeper) : m_pKeeper(pKeeper)
+    {
+        memcpy(m_aHead, &stHead, sizeof(m_aHead));
+        bufBody.pbuf = m_aHead;
+        bufBody.ulen = sizeof(m_aHead);
+    }
+    ~CMediaPacket() override
+    {
+        if (m_pKeeper)
+            m_pKeeper->OnPacketGone(*this);
+    }
+
+    tagUdtPacketHeadInfo Head() const
+    {
+        tagUdtPacketHeadInfo stHead;
+        memcpy(&stHead, m_aHead, sizeof(m_aHead));
+        return stHead;
+    }
+
+    uint32 m_uStream = 0;   // the run's own number of the stream
+    uint32 m_dwFedTick = 0; // when it was handed in
+    uint8 m_cSubType = 0;
+
+    // Kept by CRunChecks.
+    bool m_bFirst = false;    // the first packet of its stream with this sequence
+    bool m_bLate = false;     // handed in after its place was played
+    bool m_bReleased = false; // given back to the owner at least once
+
+    // For whoever writes down what was played; empty when nobody does.
+    std::vector<uint8> m_vecBytes; // the RTP packet as far as it is known
+    uint32 m_dwWireLen = 0;        // bytes of the whole packet on the wire
+    tagRtpAddr m_stSrc;
+    tagRtpAddr m_stDst;
+    bool m_bByRtx = false;
+
+private:
+    uint8 m_aHead[sizeof(tagUdtPacketHeadInfo)];
+    IPacketKeeper* m_pKeeper;
+};
+
+} // namespace lab
+
+#endif

@@ -1,0 +1,179 @@
+#include "RunChecks.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+
+namespace lab
+{
+
+namespace
+{
+
+constexpr size_t c_nMaxLines = 10;
+constexpr size_t c_nPlayedRing = 4096;
+
+// The receiver remembers a sequence for 6 s from the turn that took it, which may be one turn after it was
+// handed in.
+constexpr uint32 c_dwSurelyRemembered = 6000 - 10;
+
+bool IsBehindOrAt(uint32 dwSeq, uint32 dwOther) { return (int32)(dwSeq - dwOther) <= 0; }
+
+} // namespace
+
+CRunChecks::tagStream& CRunChecks::Stream(uint32 uStream)
+{
+    if (uStream >= m_vecStreams.size())
+        m_vecStreams.resize(uStream + 1);
+    return m_vecStreams[uStream];
+}
+
+const tagPacketAccount& CRunChecks::Account(uint32 uStream) { return Stream(uStream).st; }
+
+void CRunChecks::Fed(CMediaPacket& packet, uint32 dwTick)
+{
+    tagStream& stStream = Stream(packet.m_uStream);
+    packet.m_dwFedTick = dwTick;
+    packet.m_bFirst = stStream.seen.Insert(packet.dwSenderSeq) != CSeqWindow::ESeen::Again;
+    packet.m_bLate = stStream.bPlayed && IsBehindOrAt(packet.dwSenderSeq, stStream.dwHighest);
+    stStream.st.ullFed++;
+    if (packet.m_bFirst)
+        stStream.st.ullFirst++;
+    m_ullLive++;
+}
+
+void CRunChecks::TurnBegins(uint32 dwTick)
+{
+    m_dwTick = dwTick;
+    m_ullTurn++;
+    m_ullSkipLines = 0;
+    m_bPulledBack = false;
+}
+
+void CRunChecks::LogLine(const char* pszText)
+{
+    if (strstr(pszText, "skip packet at beginning"))
+        m_ullSkipLines++;
+    else if (strstr(pszText, "Server Push Early Packet"))
+    {
+        m_bPulledBack = true;
+        m_ullPullBacks++;
+    }
+}
+
+void CRunChecks::Released(CMediaPacket& packet)
+{
+    tagStream& stStream = Stream(packet.m_uStream);
+    CheckOrder(stStream, packet);
+    CheckTwice(stStream, packet);
+    if (!packet.m_bFirst)
+        stStream.st.ullReplayed++;
+    else if (!packet.m_bReleased)
+    {
+        stStream.st.ullPlayed++;
+        if (packet.m_bLate)
+            stStream.st.ullLate++;
+    }
+    packet.m_bReleased = true;
+}
+
+void CRunChecks::CheckOrder(tagStream& stStream, const CMediaPacket& packet)
+{
+    const uint32 dwSeq = packet.dwSenderSeq;
+    if (stStream.ullLastTurn == m_ullTurn && IsBehindOrAt(dwSeq, stStream.dwLastInTurn))
+        PacketViolation(packet.m_uStream, dwSeq, "left after a higher sequence in the same turn");
+    if (!stStream.bPlayed || !IsBehindOrAt(dwSeq, stStream.dwHighest))
+    {
+        stStream.bPlayed = true;
+        stStream.dwHighest = dwSeq;
+    }
+    else if (!packet.m_bLate)
+        PacketViolation(packet.m_uStream, dwSeq,
+                        "left out of order, though it had come before its place was played");
+    stStream.ullLastTurn = m_ullTurn;
+    stStream.dwLastInTurn = dwSeq;
+}
+
+void CRunChecks::CheckTwice(tagStream& stStream, const CMediaPacket& packet)
+{
+    if (stStream.vecPlayed.empty())
+        stStream.vecPlayed.resize(c_nPlayedRing);
+    tagPlayed& stPlayed = stStream.vecPlayed[packet.dwSenderSeq % c_nPlayedRing];
+    if (stPlayed.bSet && stPlayed.dwSeq == packet.dwSenderSeq && stPlayed.ullPullBacks == m_ullPullBacks &&
+        packet.m_dwFedTick - stPlayed.dwFedTick < c_dwSurelyRemembered)
+        PacketViolation(packet.m_uStream, packet.dwSenderSeq, "played twice");
+    stPlayed.dwSeq = packet.dwSenderSeq;
+    stPlayed.dwFedTick = packet.m_dwFedTick;
+    stPlayed.ullPullBacks = m_ullPullBacks;
+    stPlayed.bSet = true;
+}
+
+void CRunChecks::Gone(CMediaPacket& packet)
+{
+    m_ullLive--;
+    if (packet.m_bReleased)
+        return;
+    tagStream& stStream = Stream(packet.m_uStream);
+    if (!m_bStopping)
+        m_vecDrops.push_back({packet.m_uStream, packet.dwSenderSeq, packet.m_bFirst});
+    else if (packet.m_bFirst)
+        stStream.st.ullLeft++;
+    else
+        stStream.st.ullRepeats++;
+}
+
+void CRunChecks::TurnEnds()
+{
+    // Intake comes before playout in a turn, so what was skipped at the beginning was let go last.
+    const size_t nSkipped = m_ullSkipLines < m_vecDrops.size() ? (size_t)m_ullSkipLines : m_vecDrops.size();
+    const size_t nIntake = m_vecDrops.size() - nSkipped;
+    for (size_t i = 0; i < m_vecDrops.size(); i++)
+    {
+        const tagDrop& stDrop = m_vecDrops[i];
+        tagPacketAccount& st = Stream(stDrop.uStream).st;
+        if (!stDrop.bFirst)
+            st.ullRepeats++;
+        else if (i >= nIntake)
+            st.ullSkipped++;
+        else if (m_bPulledBack || m_bClearAsked)
+            st.ullCleared++;
+        else
+        {
+            st.ullVanished++;
+            PacketViolation(stDrop.uStream, stDrop.dwSeq, "was let go unplayed and without a reason");
+        }
+    }
+    m_vecDrops.clear();
+    m_bClearAsked = false;
+}
+
+void CRunChecks::Finish()
+{
+    if (m_ullLive != 0)
+        Violation(fmt::format("{} packet objects outlived the run", m_ullLive));
+    for (size_t i = 0; i < m_vecStreams.size(); i++)
+    {
+        const tagPacketAccount& st = m_vecStreams[i].st;
+        const uint64 ullFirst = st.ullPlayed + st.ullSkipped + st.ullCleared + st.ullLeft + st.ullVanished;
+        const uint64 ullAll = ullFirst + st.ullRepeats + st.ullReplayed;
+        if (ullFirst != st.ullFirst || ullAll != st.ullFed)
+            Violation(
+                fmt::format("stream {}: {} packets handed in ({} distinct), {} accounted for ({} distinct)",
+                            i, st.ullFed, st.ullFirst, ullAll, ullFirst));
+    }
+}
+
+void CRunChecks::PacketViolation(uint32 uStream, uint32 dwSeq, const char* pszWhat)
+{
+    Violation(fmt::format("stream {}: sequence {} {} (at {:.3f} s)", uStream, dwSeq, pszWhat,
+                          (m_dwTick - m_dwStartTick) / 1000.0));
+}
+
+void CRunChecks::Violation(const std::string& strWhat)
+{
+    m_ullBroken++;
+    if (m_vecViolations.size() < c_nMaxLines)
+        m_vecViolations.push_back(strWhat);
+}
+
+} // namespace lab
