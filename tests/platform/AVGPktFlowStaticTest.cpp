@@ -321,6 +321,17 @@ TEST(FlowStat, SplittingAFullMapStaysBoundedAndExact)
     EXPECT_EQ(Close(stStat), (tagCounts{40961, 4097 + 96, 4096 + 96}));
 }
 
+TEST(FlowStat, NumbersThatComeRoundInOneIntervalDoNotMeetTheirOldRuns)
+{
+    tagCPktFlowStat stStat;
+    Feed(stStat, 0, {0, 2});
+    stStat.m_uLast = 0xFFFFFFFD; // as if four thousand million packets had come in order
+    stStat.RecvData(4);          // missing: 0xFFFFFFFE to 3, a second time round
+    stStat.RecvData(1);          // late: splits the new run, not the old one
+    EXPECT_EQ(stStat.m_mapLoss, (SeqMap{{0xFFFFFFFE, 3}, {2, 2}}));
+    EXPECT_EQ(Close(stStat), (tagCounts{0xFFFFFFFF, 4, 3}));
+}
+
 TEST(FlowStat, NoInputBreaksItsBounds)
 {
     for (uint32 dwSeed = 1; dwSeed <= 6; ++dwSeed)

@@ -76,6 +76,7 @@ TEST(TickClock, AReaderNeverSeesOneSourceWithTheOthersContext)
 
     std::vector<std::thread> readers;
     std::atomic<uint32> dwOther{0};
+    std::atomic<uint32> dwReads{0};
     for (int i = 0; i < 3; ++i)
         readers.emplace_back(
             [&]
@@ -85,9 +86,11 @@ TEST(TickClock, AReaderNeverSeesOneSourceWithTheOthersContext)
                     const uint64 ullTick = xp_gettickcount();
                     if (ullTick != 1 && ullTick != 2)
                         ++dwOther;
+                    ++dwReads;
                 }
             });
-    for (int i = 0; i < 20000; ++i)
+    // Until the readers have read often enough between two switches, however late they came to run.
+    for (int i = 0; i < 20000 || dwReads < 200000; ++i)
         xp_settickcountsource(i % 2 != 0 ? SourceOne : SourceTwo, i % 2 != 0 ? &stOne : &stTwo);
     bStop = true;
     for (std::thread& reader : readers)
