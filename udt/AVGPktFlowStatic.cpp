@@ -1,5 +1,5 @@
-// Follows one stream's sequences. In-order packets are counted in the header; here are the first one, leaps, late,
-// repeated and stray ones. Nothing here sees a clock.
+// Follows one stream's sequences. In-order packets are counted in the header; here are the first one, leaps, late
+// and repeated ones. Nothing here sees a clock.
 //
 // Invariants between calls: the open interval is (m_uBase, m_uLast], modulo 2^32; the runs of m_mapLoss lie inside of
 // it and do not touch one another; at most c_uMaxRuns of them.
@@ -10,10 +10,9 @@
 
 namespace
 {
-const size_t c_uMaxRuns = 4096;    // missing runs kept apart
+const size_t c_uMaxRuns =
+    16384; // missing runs kept apart: all that can lie within 0x7FFF numbers of the newest
 const uint16 c_wMaxFixed = 0xFFFF; // where their count stops
-const uint8 c_cFarRestart = 4;     // consecutive numbers in a row that prove a restart out of reach,
-const uint8 c_cNearRestart = 128;  // and one close behind, where late packets come from, too
 const uint32 c_uMaxSpan = 0xFFFFFFFF;
 } // namespace
 
@@ -21,10 +20,7 @@ static_assert(offsetof(tagPktStat, uLossTimes) == 0 && offsetof(tagPktStat, uTot
                   offsetof(tagPktStat, uRecvPkt) == 8 && sizeof(tagPktStat) == 12,
               "three words");
 
-tagCPktFlowStat::tagCPktFlowStat()
-    : m_bInit(FALSE), m_cStrayRun(0), m_wRunsFixed(0), m_uStrayNext(0), m_uBase(0), m_uLast(0), m_uPktRecv(0)
-{
-}
+tagCPktFlowStat::tagCPktFlowStat() : m_bInit(FALSE), m_wRunsFixed(0), m_uBase(0), m_uLast(0), m_uPktRecv(0) {}
 
 void tagCPktFlowStat::Reset() { *this = tagCPktFlowStat(); }
 
@@ -53,8 +49,7 @@ void tagCPktFlowStat::RecvOutOfOrder(uint32 seq)
         LeapTo(seq);
     else if (seq - m_uBase - 1 < m_uLast - m_uBase)
         FillLate(seq);
-    else
-        TakeStray(seq);
+    // else: from before the interval, counted there or never
 }
 
 // A newer sequence: all between it and the newest so far is missing, for now.
@@ -70,13 +65,11 @@ void tagCPktFlowStat::LeapTo(uint32 seq)
     }
     m_uLast = seq;
     ++m_uPktRecv;
-    m_cStrayRun = 0;
 }
 
 // A sequence inside the open interval: if it was missing, it is not any more.
 void tagCPktFlowStat::FillLate(uint32 seq)
 {
-    m_cStrayRun = 0;
     if (m_mapLoss.empty())
         return;
 
@@ -102,27 +95,6 @@ void tagCPktFlowStat::FillLate(uint32 seq)
             FixOldestRun();
         m_mapLoss[seq + 1] = uAfter;
     }
-}
-
-// Neither newer nor inside the interval: a late packet from before it, a damaged number, or the sender counts anew.
-void tagCPktFlowStat::TakeStray(uint32 seq)
-{
-    m_cStrayRun = (uint8)(m_cStrayRun != 0 && seq == m_uStrayNext ? m_cStrayRun + 1 : 1);
-    m_uStrayNext = seq + 1;
-
-    const bool bCloseBehind = m_uLast - seq <= c_dwSeqNewWindow;
-    if (m_cStrayRun < (bCloseBehind ? c_cNearRestart : c_cFarRestart))
-        return;
-
-    // Go on from here as if the row had come right behind the newest sequence: what the interval spans is kept, and
-    // its base moves along to the new numbers. Its missing runs have no place in them.
-    FixRuns();
-    ExtendSpan(m_cStrayRun);
-    const uint32 uSpan = m_uLast + m_cStrayRun - m_uBase;
-    m_uLast = seq;
-    m_uBase = seq - uSpan;
-    m_uPktRecv += m_cStrayRun;
-    m_cStrayRun = 0;
 }
 
 // Makes room for uBy more sequences: a span that would pass 2^32 - 1 stays there, and the oldest numbers fall out.

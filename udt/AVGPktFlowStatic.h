@@ -29,12 +29,9 @@ struct tagPktStat
 //
 // - A newer sequence (IsNewSeqNum) moves the end; what it leaps over is a run of missing ones.
 // - A late one shortens or splits its run. A repeated one, or one from before the interval, counts nothing.
-// - A sender that starts again at other numbers would never be new again. So a sequence out of reach both ways
-//   (0x8000 or more from the newest, and outside the interval) is set aside: when the next three numbers follow it
-//   in a row, all four count as received and the stream goes on from there, with nothing missing in between; a stray
-//   one counts nothing. The same happens after 128 numbers in a row from close behind, before the interval: too many
-//   for packets that were merely late. What was missing until then stays counted but can no longer be filled.
-// - Memory is bounded whatever arrives: the newest 4096 runs of an interval are kept apart. An older one stays counted
+// - A number out of reach both ways (0x8000 or more from the newest, and outside the interval) reads as one from
+//   before it and counts nothing. A sender that counts anew is for the stream's owner to notice; it begins a new stream.
+// - Memory is bounded whatever arrives: the newest 16384 runs of an interval are kept apart. An older one stays counted
 //   but can no longer be filled (loss times stop at 65535 such runs; the span stops at 2^32 - 1).
 //
 // Not thread-safe: it belongs to whoever owns the stream. In-order packets cost no allocation.
@@ -54,7 +51,6 @@ struct tagCPktFlowStat
         {
             m_uLast = seq;
             ++m_uPktRecv;
-            m_cStrayRun = 0;
             return;
         }
         RecvOutOfOrder(seq);
@@ -69,10 +65,8 @@ struct tagCPktFlowStat
 
     boolean m_bInit; // TRUE once the first packet came
 
-    // These three lie where the map's alignment leaves a hole, so the record is no larger for them.
-    uint8 m_cStrayRun;   // consecutive numbers seen outside the interval, in a row
+    // Lies where the map's alignment leaves a hole, so the record is no larger for it.
     uint16 m_wRunsFixed; // runs of the open interval that are counted but no longer in the map
-    uint32 m_uStrayNext; // the number that would make that row longer
 
     SeqMap m_mapLoss;  // missing runs of the open interval that a late packet can still fill
     uint32 m_uBase;    // the sequence just before the open interval
@@ -84,7 +78,6 @@ private:
     void RecvOutOfOrder(uint32 seq);
     void LeapTo(uint32 seq);
     void FillLate(uint32 seq);
-    void TakeStray(uint32 seq);
     void FixRuns();
     void FixOldestRun();
     void ExtendSpan(uint32 uBy);
