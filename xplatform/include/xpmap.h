@@ -240,9 +240,9 @@ private:
 // Unique keys in ascending order: a red-black tree with parent links.
 //
 // `Key` is any copyable type with `<`; `Value` is any copyable, default-constructible type. Insertion keeps the tree's
-// height within twice the binary logarithm of its size, so lookups in a map that only grows are logarithmic. Erasure
-// is deliberately simple: it keeps the order, and gives up the balance. A map that is erased from a great deal may
-// grow lopsided, at worst to a height of its size.
+// height within 2 log2(size + 1), so lookups in a map that only grows are logarithmic. Erasure is deliberately simple:
+// it keeps the order and gives up the balance. A map that is erased from a great deal may grow lopsided, at worst as
+// high as it has entries.
 //
 // One map belongs to one thread at a time; several threads may read one that nobody changes. Operations throw only
 // what copying a key or value, comparing keys or `new` throws, and no insertion that throws leaves a trace.
@@ -272,7 +272,8 @@ public:
         AccessClass(map& owner, const Key& key) : m_map(owner), m_key(key) {}
         AccessClass(const AccessClass&) = default;
 
-        // Writes the key's value. A missing key is inserted first, with a value-initialised value (0 for a number).
+        // Writes the key's value. A missing key is inserted first, with a value-initialised value (0 for a number):
+        // that is what the value's own assignment finds, and what stays if it throws.
         AccessClass& operator=(const Value& value)
         {
             m_map.insert(m_key, Value());
