@@ -59,7 +59,7 @@ CAVGUdtRecv::CAVGUdtRecv(IUDTRecvEventCallBack* pCB)
       m_dwServPushGopNum(c_dwServerPushGopNum), m_dwMinDelayFromServ(c_dwDefaultMinDelay),
       m_dwIFrmPkgLostInfo(0), m_dwPushStmDone(0), m_dwAVSyncAdjSwitch(1), m_LogPrintFlag(0),
       m_dwOutDelayDone(0), m_dwChnClearNum(0), m_dwUinNum(0), m_dwMultiUinAVSync(0), m_dwLogPrintTimer(0),
-      m_dwLastPrintTick(0), m_bInTurn(FALSE), m_bStoppedInTurn(FALSE)
+      m_dwLastPrintTick(0), m_pstReleasing(nullptr), m_bInTurn(FALSE), m_bStoppedInTurn(FALSE)
 {
 }
 
@@ -205,8 +205,8 @@ void CAVGUdtRecv::Clear()
         CXPAutoLock lock(m_dataLock);
         listRawData.swap(m_listRawData);
         mapUinPkgRingParam.swap(m_mapUinPkgRingParam);
-        mapUinDataInfo.swap(m_mapUinDataInfo);
         CXPAutoLock lockStreams(m_lockStreams);
+        mapUinDataInfo.swap(m_mapUinDataInfo);
         mapUinInPkt.swap(m_mapUinInPkt);
     }
     listRawData.clear();
@@ -485,4 +485,19 @@ MapUinInPkt::iterator CAVGUdtRecv::EraseStream(MapUinInPkt::iterator itStream)
     CXPAutoLock lock(m_lockStreams);
     m_mapClearedStreams.insert(m_mapUinInPkt.extract(itStream));
     return itNext;
+}
+
+tagUinDataInfo& CAVGUdtRecv::FindOrCreateUser(uint64 ullAccount)
+{
+    const MapUinDataInfo::iterator it = m_mapUinDataInfo.find(ullAccount);
+    if (it != m_mapUinDataInfo.end())
+        return it->second;
+    CXPAutoLock lock(m_lockStreams);
+    return m_mapUinDataInfo[ullAccount];
+}
+
+void CAVGUdtRecv::EraseUser(uint64 ullAccount)
+{
+    CXPAutoLock lock(m_lockStreams);
+    m_mapUinDataInfo.erase(ullAccount);
 }

@@ -63,6 +63,18 @@ public:
      */
     void RunTurn();
 
+    /**
+     * Where a user's playout stands. Any thread; the words are read one by one while the worker may move them.
+     * @return FALSE, and nothing is filled, when there is no such user
+     */
+    boolean GetPlayoutInfo(uint64 llAccount, tagPlayoutInfo& stInfo);
+
+    /**
+     * The record of the packet that `OnUDTRecvOutData` is being called with: its arrival tick, sequence, frame
+     * and what was lost before it. Worker thread, inside that callback only; null otherwise.
+     */
+    const tagDataPacket* GetReleasing() const { return m_pstReleasing; }
+
 private:
     // Tests, simulations, fuzzers and benchmarks look inside through one class.
     friend class CRecvRig;
@@ -86,6 +98,8 @@ private:
     void ClearAudioRecvSeq(uint64 ullAccount);
     MapUinInPkt::iterator InsertStream(const tagInPktKey& stKey, const tagUinDataBuf& stUinDataBuf);
     MapUinInPkt::iterator EraseStream(MapUinInPkt::iterator itStream);
+    tagUinDataInfo& FindOrCreateUser(uint64 ullAccount);
+    void EraseUser(uint64 ullAccount);
 
     // ---- Intake (AVGUDTRecvIntake.cpp) -----------------------------------------------------------------
     void Deliver();
@@ -210,13 +224,14 @@ private:
     uint32 m_dwLogPrintTimer;                     // [W] tick
     uint32 m_dwLastPrintTick;                     // [W]
 
-    // The worker holds this while it inserts or erases streams, the getters while they walk them. Innermost
-    // of all locks.
+    // The worker holds this while it inserts or erases streams and users, the getters while they look them up.
+    // Innermost of all locks.
     CXPLock m_lockStreams;
     // Streams and packets taken out under m_paramlock, destroyed once it is free: the last reference to a
     // packet runs code of its maker.
     MapUinInPkt m_mapClearedStreams;            // [W]
     std::list<tagDataPacket> m_listClearedData; // [W]
+    const tagDataPacket* m_pstReleasing;        // [W] lent to the owner right now
     shared_boolean m_bInTurn;                   // [F] 1: inside RunTurn
     shared_boolean m_bStoppedInTurn;            // [F] 1: Stop was called from inside the turn
 };

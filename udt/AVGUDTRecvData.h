@@ -244,24 +244,43 @@ struct tagUinDataBuf
     tagUinDataBuf& operator=(const tagUinDataBuf& stOther) = default;
 };
 
-/** One user: the playout timeline that the user's audio and video share. */
+/**
+ * One user: the playout timeline that the user's audio and video share. The shared words are those that
+ * `CAVGUdtRecv::GetPlayoutInfo` reads from any thread.
+ */
 struct tagUinDataInfo
 {
-    uint32 dwTimelineOut;         ///< the playout clock, ms of media time; 0: not started
-    uint32 dwTimelineIn;          ///< newest media timestamp received
-    uint32 dwTimelineMin;         ///< lower bound of the transit band
-    uint32 dwTimelineMax;         ///< upper bound of the transit band
+    shared_uint32 dwTimelineOut;  ///< the playout clock, ms of media time; 0: not started
+    shared_uint32 dwTimelineIn;   ///< newest media timestamp received
+    shared_uint32 dwTimelineMin;  ///< lower bound of the transit band
+    shared_uint32 dwTimelineMax;  ///< upper bound of the transit band
     uint32 dwVidResetTimelineMin; ///< `emVidResetState`
     uint32 dwLastCheckDeltaTime;  ///< tick of the last clock advance
     uint32 dwHasVideo;            ///< 1 once the user sent video
     uint32 dwFastFactor;          ///< the clock speeds up by 1/`dwFastFactor`
-    uint32 dwExWaitTick;          ///< ms added to the target after a loss; 0: no loss yet
+    shared_uint32 dwExWaitTick;   ///< ms added to the target after a loss; 0: no loss yet
     uint32 dwLogPrintFlag;        ///< bits of `enLogPrintPos`
 
     tagUinDataInfo()
         : dwTimelineOut(0), dwTimelineIn(0), dwTimelineMin(c_dwNone32), dwTimelineMax(0),
           dwVidResetTimelineMin(VID_RESET_NONE), dwLastCheckDeltaTime(0), dwHasVideo(0), dwFastFactor(12),
           dwExWaitTick(0), dwLogPrintFlag(0)
+    {
+    }
+};
+
+/** Where one user's playout stands, filled by `CAVGUdtRecv::GetPlayoutInfo`. All in ms. */
+struct tagPlayoutInfo
+{
+    uint32 dwTimelineOut; ///< the playout clock, media time; 0: not started
+    uint32 dwTimelineIn;  ///< newest media time received
+    uint32 dwDataLen;     ///< media received ahead of the clock
+    uint32 dwBandWidth;   ///< width of the transit band: highest minus lowest recent transit
+    uint32 dwExWaitTick;  ///< added to the target since a loss; 0: no loss yet
+    uint32 dwTarget;      ///< media that the clock aims to keep ahead
+
+    tagPlayoutInfo()
+        : dwTimelineOut(0), dwTimelineIn(0), dwDataLen(0), dwBandWidth(0), dwExWaitTick(0), dwTarget(0)
     {
     }
 };

@@ -133,7 +133,7 @@ void CAVGUdtRecv::CalcLostInfo()
 void CAVGUdtRecv::OnDataHandleNew(tagDataPacket& dataPacket)
 {
     tagUinDataBuf& stUinDataBuf = FindOrCreateStream(dataPacket)->second;
-    tagUinDataInfo& stUinDataInfo = m_mapUinDataInfo[dataPacket.llAccount];
+    tagUinDataInfo& stUinDataInfo = FindOrCreateUser(dataPacket.llAccount);
 
     if (IsVideoWithLoss(dataPacket.cSubType))
     {
@@ -262,8 +262,8 @@ void CAVGUdtRecv::CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& st
 
     const uint32 dwNewOut = stUinDataBuf.mapUdtPacket.begin()->second.dwMETimeStamp;
     RECV_LOG(LOG_LEVEL_ERROR, "OnDataHandleNew",
-             "Server Push Early Packet Make TimelineOut From %u Back to %u", stUinDataInfo.dwTimelineOut,
-             dwNewOut);
+             "Server Push Early Packet Make TimelineOut From %u Back to %u",
+             stUinDataInfo.dwTimelineOut.Get(), dwNewOut);
     stUinDataInfo.dwTimelineOut = dwNewOut;
     ClearUselessData(dataPacket.llAccount, dwNewOut + c_dwPullBackKeep);
 

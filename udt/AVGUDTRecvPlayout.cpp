@@ -86,7 +86,7 @@ void CAVGUdtRecv::OutPacket()
 
 void CAVGUdtRecv::CalcTimelineMaxMin(tagDataPacket& dataPacket)
 {
-    tagUinDataInfo& stInfo = m_mapUinDataInfo[dataPacket.llAccount];
+    tagUinDataInfo& stInfo = FindOrCreateUser(dataPacket.llAccount);
     const bool bLowLatency = IsLowLatency();
     const uint32 dwChangeRange = BandChangeRange(bLowLatency);
     const uint32 dwTimeLine = TransitOffset(TickNow(), dataPacket.dwTimeStamp);
@@ -97,8 +97,8 @@ void CAVGUdtRecv::CalcTimelineMaxMin(tagDataPacket& dataPacket)
     {
         RECV_LOG(LOG_LEVEL_ERROR, "CalcTimelineMaxMin",
                  "Reset_TimelineMax: subtype %1d seq %5d %5d oldmin %u oldmax %u dwTimeLine %u delta %d",
-                 dataPacket.cSubType, dataPacket.dwSenderSeq, dataPacket.dwSeq, stInfo.dwTimelineMin,
-                 stInfo.dwTimelineMax, dwTimeLine, dwTimeLine - stInfo.dwTimelineMin);
+                 dataPacket.cSubType, dataPacket.dwSenderSeq, dataPacket.dwSeq, stInfo.dwTimelineMin.Get(),
+                 stInfo.dwTimelineMax.Get(), dwTimeLine, dwTimeLine - stInfo.dwTimelineMin);
         stInfo.dwTimelineMax = ResetBandMax(stInfo.dwTimelineMin, dwTimeLine, bLowLatency);
         stInfo.dwVidResetTimelineMin = VID_RESET_DONE;
     }
@@ -109,7 +109,7 @@ void CAVGUdtRecv::CalcTimelineMaxMin(tagDataPacket& dataPacket)
             LOG_LEVEL_DEBUG, "CalcTimelineMaxMin",
             "AdjustLimit Max: SubType %1u Old-TimelineMax %u dwTimeLine %u Delta %4d new-Max-Min %d Seq %5d "
             "%5d UIN %llu",
-            dataPacket.cSubType, stInfo.dwTimelineMax, dwTimeLine, dwTimeLine - stInfo.dwTimelineMax,
+            dataPacket.cSubType, stInfo.dwTimelineMax.Get(), dwTimeLine, dwTimeLine - stInfo.dwTimelineMax,
             dwTimeLine - stInfo.dwTimelineMin, dataPacket.dwSenderSeq, dataPacket.dwSeq,
             dataPacket.llAccount);
     }
@@ -168,8 +168,8 @@ void CAVGUdtRecv::CalcTimelineOutNew(uint64 ullAcount, tagUinDataInfo& stUinData
             LOG_LEVEL_ERROR, "CalcTimelineOutNew",
             "CalcTimelineOutNew dwTimelineOut:%u TickDiff:%u Step:%d FastFactor:%u ExWaitTick:%u Target:%u "
             "DataLen:%u ExtBig:%u ExtSmall:%u TinyID:%llu",
-            stUinDataInfo.dwTimelineOut, dwTickDiff, nStep, stUinDataInfo.dwFastFactor,
-            stUinDataInfo.dwExWaitTick, dwTarget, dwDataLen, dwExtBig, dwExtSmall, ullAcount);
+            stUinDataInfo.dwTimelineOut.Get(), dwTickDiff, nStep, stUinDataInfo.dwFastFactor,
+            stUinDataInfo.dwExWaitTick.Get(), dwTarget, dwDataLen, dwExtBig, dwExtSmall, ullAcount);
         stUinDataInfo.dwLogPrintFlag &= ~(uint32)LOG_TIME_PARAM;
     }
 }
@@ -287,7 +287,7 @@ tagUinDataInfo* CAVGUdtRecv::StartClock(tagUinDataBuf& stUinDataBuf, const char*
     {
         stInfo.dwTimelineOut = stFirst.dwMETimeStamp;
         stInfo.dwLastCheckDeltaTime = TickNow();
-        RECV_LOG(LOG_LEVEL_ERROR, pszOper, "TimelineOut Init %u Uin:%llu %s", stInfo.dwTimelineOut,
+        RECV_LOG(LOG_LEVEL_ERROR, pszOper, "TimelineOut Init %u Uin:%llu %s", stInfo.dwTimelineOut.Get(),
                  stFirst.llAccount, pszOper);
     }
     return &stInfo;
@@ -297,8 +297,10 @@ tagUinDataInfo* CAVGUdtRecv::StartClock(tagUinDataBuf& stUinDataBuf, const char*
 int CAVGUdtRecv::HandOutPacket(const tagDataPacket& dataPacket)
 {
     int nAudDelayRTS = 0;
+    m_pstReleasing = &dataPacket;
     if (m_pCB != nullptr)
         m_pCB->OnUDTRecvOutData(dataPacket.pRawData.p, &nAudDelayRTS);
+    m_pstReleasing = nullptr;
     return nAudDelayRTS;
 }
 
@@ -368,14 +370,14 @@ uint32 CAVGUdtRecv::OutPacketAudioNew(tagUinDataBuf& stUinDataBuf)
             WidenTarget(*pstInfo, AudioLossExtraWait(IsLowLatency(), m_dwDownLoss100));
             RECV_LOG(LOG_LEVEL_ERROR, "OutPacketAudioNew",
                      "OutPacketAudioNew lost %d Packets Before %u ExWaitTick %u", stPkt.cPrePkgLost,
-                     stPkt.dwSenderSeq, pstInfo->dwExWaitTick);
+                     stPkt.dwSenderSeq, pstInfo->dwExWaitTick.Get());
         }
         const UDT_LOG_LEVEL eTrace = TakeTraceLevel(m_LogPrintFlag, stUinDataBuf);
         RECV_LOG(
             eTrace, "OutPacketAudioNew",
             "OutPacketNew Subtype:%d Seq:%u %u TimelineOut:%u METimeStamp:%u DataLen:%u Jitter:%u Tickout:%u "
             "FrameType:%d GOP:%d FrameIdx:%d TotalPkg:%d AudPlayDelay:%u Uin:%llu OutStamp:%u",
-            stPkt.cSubType, stPkt.dwSenderSeq, stPkt.dwSeq, pstInfo->dwTimelineOut, stPkt.dwMETimeStamp,
+            stPkt.cSubType, stPkt.dwSenderSeq, stPkt.dwSeq, pstInfo->dwTimelineOut.Get(), stPkt.dwMETimeStamp,
             DataLenAhead(pstInfo->dwTimelineIn, pstInfo->dwTimelineOut),
             pstInfo->dwTimelineMax - pstInfo->dwTimelineMin, uAfter - stPkt.dwRecvTime, stPkt.cFrmType,
             stPkt.cGopIdx, stPkt.cFrmIdx, stPkt.cPkgNum, uAudPlayDelay, stPkt.llAccount, uAfter);
@@ -418,14 +420,14 @@ uint32 CAVGUdtRecv::OutPacketVideoNew(tagUinDataBuf& stUinDataBuf)
             WidenTarget(*pstInfo, LossExtraWait(IsLowLatency(), m_dwDownLoss100));
             RECV_LOG(LOG_LEVEL_ERROR, "OutPacketVideoNew",
                      "OutPacketVideoNew lost %d Packets Before %u ExWaitTick %u", stPkt.cPrePkgLost,
-                     stPkt.dwSenderSeq, pstInfo->dwExWaitTick);
+                     stPkt.dwSenderSeq, pstInfo->dwExWaitTick.Get());
         }
         const UDT_LOG_LEVEL eTrace = TakeTraceLevel(m_LogPrintFlag, stUinDataBuf);
         RECV_LOG(
             eTrace, "OutPacketVideoNew",
             "OutPacketNew Subtype:%d Seq:%u %u TimelineOut:%u METimeStamp:%u DataLen:%u Jitter:%u Tickout:%u "
             "FrameType:%d GOP:%d FrameIdx:%d TotalPkg:%d Uin:%llu OutStamp:%u",
-            stPkt.cSubType, stPkt.dwSenderSeq, stPkt.dwSeq, pstInfo->dwTimelineOut, stPkt.dwMETimeStamp,
+            stPkt.cSubType, stPkt.dwSenderSeq, stPkt.dwSeq, pstInfo->dwTimelineOut.Get(), stPkt.dwMETimeStamp,
             DataLenAhead(pstInfo->dwTimelineIn, pstInfo->dwTimelineOut),
             pstInfo->dwTimelineMax - pstInfo->dwTimelineMin, dwNow - stPkt.dwRecvTime, stPkt.cFrmType,
             stPkt.cGopIdx, stPkt.cFrmIdx, stPkt.cPkgNum, stPkt.llAccount, dwNow);

@@ -181,7 +181,7 @@ MapUinInPkt::iterator CAVGUdtRecv::ExpireStream(MapUinInPkt::iterator itStream)
     const MapUinInPkt::iterator itNext = EraseStream(itStream);
     const uint32 dwDeleteUinNum = UpdateUinNum(stKey.ullUserAccount);
     if (dwDeleteUinNum != 0)
-        m_mapUinDataInfo.erase(stKey.ullUserAccount);
+        EraseUser(stKey.ullUserAccount);
     m_dwUinNum -= std::min(dwDeleteUinNum, m_dwUinNum);
     return itNext;
 }

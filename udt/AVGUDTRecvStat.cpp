@@ -225,6 +225,23 @@ uint32 CAVGUdtRecv::GetRecvChnInfo(tagRecvChnStatInfo* pstRecvInfo, uint32 dwNum
     return dwChnCnt;
 }
 
+boolean CAVGUdtRecv::GetPlayoutInfo(uint64 llAccount, tagPlayoutInfo& stInfo)
+{
+    CXPAutoLock lock(m_lockStreams);
+    const MapUinDataInfo::const_iterator it = m_mapUinDataInfo.find(llAccount);
+    if (it == m_mapUinDataInfo.end())
+        return FALSE;
+    const tagUinDataInfo& stUser = it->second;
+    stInfo.dwTimelineOut = stUser.dwTimelineOut;
+    stInfo.dwTimelineIn = stUser.dwTimelineIn;
+    stInfo.dwDataLen = DataLenAhead(stInfo.dwTimelineIn, stInfo.dwTimelineOut);
+    stInfo.dwBandWidth = stUser.dwTimelineMax - stUser.dwTimelineMin;
+    stInfo.dwExWaitTick = stUser.dwExWaitTick;
+    stInfo.dwTarget =
+        PlayoutTarget(stInfo.dwBandWidth, stInfo.dwExWaitTick, m_dwTimelineDelta, m_dwTimelineDeltaMax);
+    return TRUE;
+}
+
 // ---- End report: worker, behind its last turn --------------------------------------------------------------------
 
 void CAVGUdtRecv::PrintStatInfo()
