@@ -151,6 +151,10 @@ int Main(int argc, char** argv)
     {
         if (e.get_exit_code() == 0) // --help
             return app.exit(e);
+        // A word that is no command is reported as if nothing had been asked for.
+        if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty())
+            return Complain(
+                fmt::format("\"{}\" is not a command (expected: replay)", Printable(argv[1], 40)));
         return Complain(e.what());
     }
     catch (const std::exception& e)

@@ -30,6 +30,11 @@ CLabRun::CLabRun(const tagRunOptions& stOptions, IRunObserver& observer)
     m_pRecv->SetOwnerDriven(TRUE);
     m_pRecv->Start();
     m_pRecv->SetRoomState(3);
+    // A mode takes effect at the end of a turn's intake. Were the first packet in that turn, its user's playout,
+    // not started yet, would count as far behind and begin the whole buffering bound late: so the mode has a
+    // turn of its own before there is any user.
+    if (stOptions.bLowLatency)
+        m_pRecv->RunTurn();
 }
 
 CLabRun::~CLabRun() { Stop(); }

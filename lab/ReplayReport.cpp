@@ -10,7 +10,7 @@ namespace lab
 namespace
 {
 
-constexpr size_t c_nNameWidth = 24;
+constexpr size_t c_nNameWidth = 21;
 
 struct tagPaint
 {
@@ -96,25 +96,24 @@ void CaptureTable(std::string& str, const tagReplayResult& stResult, const tagPa
 
 void PlayedTable(std::string& str, const tagReplayResult& stResult, const tagPaint& paint)
 {
-    str +=
-        paint.Head(fmt::format("{:>3}  {:<{}}  {:<5}  {:>8}  {:>5}  {:>7}  {:>7}  {:>5}  {:>27}  {:>9}\n", "",
-                               "", c_nNameWidth, "", "", "", "", "", "", "playout delay, ms", "first out"));
+    str += paint.Head(
+        fmt::format("{:{}}  {:>23}  {:>8}\n", "", c_nNameWidth + 50, "playout delay, ms", "first"));
     str += paint.Head(fmt::format(
-        "{:>3}  {:<{}}  {:<5}  {:>8}  {:>5}  {:>7}  {:>7}  {:>5}  {:>6} {:>6} {:>6} {:>6}  {:>9}  {:>6}\n",
+        "{:>3}  {:<{}}  {:<5}  {:>8}  {:>5}  {:>7}  {:>7}  {:>5}  {:>5} {:>5} {:>5} {:>5}  {:>8}  {:>6}\n",
         "#", "played from", c_nNameWidth, "media", "played", "late", "skipped", "cleared", "left", "min",
-        "median", "p95", "max", "s", "asked"));
+        "med", "p95", "max", "out s", "asked"));
     for (size_t i = 0; i < stResult.vecStreams.size(); i++)
     {
         const tagStreamResult& st = stResult.vecStreams[i];
         if (!st.bFed)
             continue;
         const tagPacketAccount& stPackets = st.stPackets;
-        std::string strDelay = fmt::format("{:>6} {:>6} {:>6} {:>6}", "-", "-", "-", "-");
+        std::string strDelay = fmt::format("{:>5} {:>5} {:>5} {:>5}", "-", "-", "-", "-");
         if (st.delay.Count())
-            strDelay = fmt::format("{:>6} {:>6} {:>6} {:>6}", st.delay.Min(), st.delay.Quantile(0.5),
+            strDelay = fmt::format("{:>5} {:>5} {:>5} {:>5}", st.delay.Min(), st.delay.Quantile(0.5),
                                    st.delay.Quantile(0.95), st.delay.Max());
         str += fmt::format(
-            "{:>3}  {:<{}}  {:<5}  {:>8}  {}  {}  {}  {}  {}  {:>9}  {:>6}\n", i,
+            "{:>3}  {:<{}}  {:<5}  {:>8}  {}  {}  {}  {}  {}  {:>8}  {:>6}\n", i,
             Printable(StreamUser(st.stInfo), c_nNameWidth), c_nNameWidth, KindName(st.stInfo.stFormat.eKind),
             stPackets.ullPlayed, paint.Count(stPackets.ullLate, 5), paint.Count(stPackets.ullSkipped, 7),
             paint.Count(stPackets.ullCleared, 7), paint.Count(stPackets.ullLeft, 5), strDelay,
