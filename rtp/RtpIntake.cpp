@@ -32,6 +32,8 @@ const size_t c_nMaxHeard = 4096;      // SSRCs of which RTCP is remembered
 const size_t c_nMaxTransports = 64;   // address pairs looked at for the transport-wide sequence
 const size_t c_nMaxRtxOriginals = 64; // streams an RTX candidate is tested against
 const uint32 c_dwTransportSeqLeast = 20;
+const size_t c_nGuessPackets = 10; // a guess by pattern needs as many
+const size_t c_nMaxHeldBytes = 32768;
 const size_t c_nMaxGuesses = 4096;
 
 // What RTCP told about an SSRC.
@@ -58,6 +60,7 @@ struct tagStream
 {
     tagRtpStreamInfo stInfo;
     tagRtpKey stKey;
+    uint32 dwIndex = 0;
     emRtpPayloadForm eForm = RTP_FORM_OTHER;
     uint32 dwClock = 0;
     CRtpStat stat;
@@ -82,14 +85,17 @@ struct tagWaiting
     CRtpFrames* pFrames = nullptr;
 };
 
-// An SSRC that was seen but is not a stream yet.
+// An SSRC that was seen but is not a stream yet, with the packets that wait for it to become one.
+struct tagHeld
+{
+    tagRtpDatagram stDatagram;
+    std::vector<uint8> vecBytes;
+};
 struct tagCandidate
 {
     CRtpLearn learn;
     uint64 ullOrder = 0; // of its first packet among all candidates
-    bool bHeld = false;  // one packet waits for the next to confirm it
-    tagRtpDatagram stHeld;
-    std::vector<uint8> vecHeld;
+    std::vector<tagHeld> vecHeld;
 };
 
 struct tagTransport
@@ -143,15 +149,14 @@ private:
 
     // Learning
     tagCandidate* Candidate(const tagRtpKey& stKey);
-    void Learn(const tagRtpKey& stKey, tagCandidate& stCandidate, const tagRtpDatagram& stDatagram,
-               const tagRtpHeader& stHeader);
+    void Learn(tagCandidate& stCandidate, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
     void LearnTransportSeq(const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
     void Hear(const tagRtpEvent& stEvent, bool bFirstSr);
     void Guessed(const std::string& strLine);
 
     // Streams
     tagStream* FindStream(uint32 dwSsrc, const tagRtpAddr& stDst);
-    tagStream* FindOriginal(const tagStream& stRtx);
+    tagStream* FindOriginal(tagStream& stRtx);
     int StreamOf(uint32 dwSsrc) const;
     tagStream& Begin(const tagRtpKey& stKey, const CRtpLearn& learn, const tagRtpDatagram& stDatagram,
                      const tagRtpHeader& stHeader);
@@ -168,6 +173,7 @@ private:
                               const tagRtpHeader& stHeader, uint16& wSeq);
     void Place(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader,
                std::vector<uint8> vecRtp, bool bByRtx, uint32 dwDownSeq);
+    bool IsConfirmed(const tagCandidate& stCandidate, uint8 cPt) const;
     bool IsReady(const tagWaiting& stWaiting) const;
 
     const tagRtpOptions m_stOptions;
@@ -183,7 +189,7 @@ private:
     int m_nTransportSeqId = 0; // 0: not used
 
     std::map<tagRtpKey, uint32> m_mapStreams;
-    std::map<uint32, uint32> m_mapStreamOfSsrc; // the latest stream of an SSRC
+    std::map<uint32, uint32> m_mapStreamOfSsrc; // the first stream of an SSRC
     std::map<uint64, tagUser> m_mapUsers;
     CRtpDownlink m_downlink;
     std::map<tagTransport, CRtpDownlink::CLane> m_mapTransportLanes;
@@ -255,7 +261,7 @@ void CRtpIntakeImpl::Scan(const tagRtpDatagram& stDatagram)
     }
     const tagRtpKey stKey{stHeader.dwSsrc, stDatagram.stDst};
     if (tagCandidate* pCandidate = Candidate(stKey))
-        Learn(stKey, *pCandidate, stDatagram, stHeader);
+        Learn(*pCandidate, stDatagram, stHeader);
     if (m_stOptions.nTransportSeqId < 0)
         LearnTransportSeq(stDatagram, stHeader);
 }
@@ -313,8 +319,7 @@ tagCandidate* CRtpIntakeImpl::Candidate(const tagRtpKey& stKey)
         }
         if (itOldest != m_mapCandidates.end())
         {
-            if (itOldest->second.bHeld)
-                Drop(RTP_DROP_SSRC_UNCONFIRMED);
+            m_stTotals.aDrops[RTP_DROP_SSRC_UNCONFIRMED] += itOldest->second.vecHeld.size();
             m_mapCandidates.erase(itOldest);
             m_nUnconfirmed--;
         }
@@ -327,8 +332,8 @@ tagCandidate* CRtpIntakeImpl::Candidate(const tagRtpKey& stKey)
     return &stNew;
 }
 
-void CRtpIntakeImpl::Learn(const tagRtpKey& stKey, tagCandidate& stCandidate,
-                           const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader)
+void CRtpIntakeImpl::Learn(tagCandidate& stCandidate, const tagRtpDatagram& stDatagram,
+                           const tagRtpHeader& stHeader)
 {
     const uint8* pPayload = stDatagram.pData + stHeader.dwHeadLen;
     const bool bWasAlive = stCandidate.learn.Alive();
@@ -343,7 +348,7 @@ void CRtpIntakeImpl::Learn(const tagRtpKey& stKey, tagCandidate& stCandidate,
     size_t nTested = 0;
     for (const auto& itOther : m_mapCandidates)
     {
-        if (itOther.first.dwSsrc == stKey.dwSsrc || !itOther.second.learn.Alive())
+        if (&itOther.second == &stCandidate || !itOther.second.learn.Alive())
             continue;
         stCandidate.learn.TestRtx(stHeader, pPayload, itOther.first.dwSsrc, itOther.second.learn);
         if (++nTested == c_nMaxRtxOriginals)
@@ -420,27 +425,40 @@ int CRtpIntakeImpl::StreamOf(uint32 dwSsrc) const
     return it == m_mapStreamOfSsrc.end() ? -1 : (int)it->second;
 }
 
-tagStream* CRtpIntakeImpl::FindOriginal(const tagStream& stRtx)
+// The stream that an RTX stream repeats: the SSRC it was seen to repeat (on the same destination if it is there), else
+// the one stream of the same sender that carries the payload type it is said to repeat.
+tagStream* CRtpIntakeImpl::FindOriginal(tagStream& stRtx)
 {
-    if (stRtx.bOriginalKnown)
+    if (!stRtx.bOriginalKnown)
     {
-        if (tagStream* pSame = FindStream(stRtx.dwOriginalSsrc, stRtx.stInfo.stDst))
-            return pSame;
-        const int nStream = StreamOf(stRtx.dwOriginalSsrc);
-        return nStream < 0 ? nullptr : m_vecStreams[(size_t)nStream].get();
+        const auto it = m_mapCandidates.find(stRtx.stKey);
+        std::string strWhy;
+        if (it != m_mapCandidates.end() && it->second.learn.RtxOriginal(stRtx.dwOriginalSsrc, strWhy))
+            stRtx.bOriginalKnown = true;
     }
-    // Only the payload type is known to repeat another: the one stream from the same sender that carries it.
-    tagStream* pOnly = nullptr;
+    tagStream* pFound = nullptr;
     for (const auto& pStream : m_vecStreams)
     {
-        if (pStream->stInfo.llAccount == 0 || pStream->stInfo.cPt != stRtx.stInfo.stFormat.nApt ||
-            !(pStream->stInfo.stSrc == stRtx.stInfo.stSrc))
+        const tagRtpStreamInfo& stInfo = pStream->stInfo;
+        if (stInfo.llAccount == 0)
             continue;
-        if (pOnly != nullptr)
-            return nullptr;
-        pOnly = pStream.get();
+        if (stRtx.bOriginalKnown)
+        {
+            if (stInfo.dwSsrc != stRtx.dwOriginalSsrc)
+                continue;
+            if (stInfo.stDst == stRtx.stInfo.stDst)
+                return pStream.get();
+            if (pFound == nullptr)
+                pFound = pStream.get();
+        }
+        else if (stInfo.cPt == stRtx.stInfo.stFormat.nApt && stInfo.stSrc == stRtx.stInfo.stSrc)
+        {
+            if (pFound != nullptr)
+                return nullptr; // two could be meant; their packets will tell
+            pFound = pStream.get();
+        }
     }
-    return pOnly;
+    return pFound;
 }
 
 // Kind, codec and clock: the user's word, RTX by what it repeats, RFC 3551, then what the packets look like.
@@ -506,16 +524,16 @@ tagStream& CRtpIntakeImpl::Begin(const tagRtpKey& stKey, const CRtpLearn& learn,
     stStream.dwClock = stInfo.stFormat.dwClock;
     stStream.eForm = RtpPayloadForm(stInfo.stFormat.strCodec);
 
-    const uint32 dwIndex = (uint32)m_vecStreams.size();
+    stStream.dwIndex = (uint32)m_vecStreams.size();
     m_vecStreams.push_back(std::move(pStream));
-    m_mapStreams[stKey] = dwIndex;
-    m_mapStreamOfSsrc[stKey.dwSsrc] = dwIndex;
+    m_mapStreams[stKey] = stStream.dwIndex;
+    m_mapStreamOfSsrc.emplace(stKey.dwSsrc, stStream.dwIndex);
 
     if (stInfo.stFormat.eKind == RTP_KIND_RTX)
     {
         if (const tagStream* pOriginal = FindOriginal(stStream))
         {
-            stInfo.nRtxOf = StreamOf(pOriginal->stInfo.dwSsrc);
+            stInfo.nRtxOf = (int)pOriginal->dwIndex;
             if (stStream.dwClock == 0)
                 stStream.dwClock = stInfo.stFormat.dwClock = pOriginal->dwClock;
         }
@@ -657,7 +675,7 @@ void CRtpIntakeImpl::OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader&
         {
             const auto it = m_mapCandidates.find(stKey);
             if (it != m_mapCandidates.end())
-                Learn(stKey, it->second, stDatagram, stHeader);
+                Learn(it->second, stDatagram, stHeader);
         }
         OnStreamPacket(*pStream, stDatagram, stHeader);
         return;
@@ -687,35 +705,55 @@ void CRtpIntakeImpl::OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader&
             Drop(RTP_DROP_SSRC_TOO_MANY);
             return;
         }
-        Learn(stKey, *pCandidate, stDatagram, stHeader);
-        if (!pCandidate->learn.Alive() && !bMapped)
+        Learn(*pCandidate, stDatagram, stHeader);
+        if (!bMapped && !IsConfirmed(*pCandidate, stHeader.cPt))
         {
-            // Its first packet is not lost: it goes ahead of the one that confirms it.
-            if (pCandidate->bHeld)
-                Drop(RTP_DROP_SSRC_UNCONFIRMED);
-            pCandidate->bHeld = true;
-            pCandidate->stHeld = stDatagram;
-            pCandidate->vecHeld.assign(stDatagram.pData, stDatagram.pData + stDatagram.dwCaptured);
+            // Not lost: what is held goes ahead of the packet that confirms it.
+            if (!pCandidate->learn.Alive() && !pCandidate->vecHeld.empty())
+            {
+                m_stTotals.aDrops[RTP_DROP_SSRC_UNCONFIRMED] += pCandidate->vecHeld.size();
+                pCandidate->vecHeld.clear();
+            }
+            pCandidate->vecHeld.push_back(
+                {stDatagram, std::vector<uint8>(stDatagram.pData, stDatagram.pData + stDatagram.dwCaptured)});
             return;
         }
     }
 
-    if (!pCandidate->bHeld)
-    {
-        OnStreamPacket(Begin(stKey, pCandidate->learn, stDatagram, stHeader), stDatagram, stHeader);
-        return;
-    }
-    tagRtpDatagram stHeld = pCandidate->stHeld;
-    const std::vector<uint8> vecHeld = std::move(pCandidate->vecHeld);
+    tagStream* pBegun = nullptr;
+    const std::vector<tagHeld> vecHeld = std::move(pCandidate->vecHeld);
     pCandidate->vecHeld.clear();
-    pCandidate->bHeld = false;
-    stHeld.pData = vecHeld.data();
-    tagRtpHeader stHeldHeader;
-    emRtpDrop eReason = RTP_DROP_NOT_RTP;
-    ParseRtp(stHeld.pData, stHeld.dwCaptured, stHeld.dwWire, stHeldHeader, eReason);
-    tagStream& stStream = Begin(stKey, pCandidate->learn, stHeld, stHeldHeader);
-    OnStreamPacket(stStream, stHeld, stHeldHeader);
-    OnStreamPacket(stStream, stDatagram, stHeader);
+    for (const tagHeld& stHeld : vecHeld)
+    {
+        tagRtpDatagram stEarlier = stHeld.stDatagram;
+        stEarlier.pData = stHeld.vecBytes.data();
+        tagRtpHeader stEarlierHeader;
+        emRtpDrop eReason = RTP_DROP_NOT_RTP;
+        if (!ParseRtp(stEarlier.pData, stEarlier.dwCaptured, stEarlier.dwWire, stEarlierHeader, eReason))
+            continue; // cannot be: it was read when it was held
+        if (pBegun == nullptr)
+            pBegun = &Begin(stKey, pCandidate->learn, stEarlier, stEarlierHeader);
+        OnStreamPacket(*pBegun, stEarlier, stEarlierHeader);
+    }
+    if (pBegun == nullptr)
+        pBegun = &Begin(stKey, pCandidate->learn, stDatagram, stHeader);
+    OnStreamPacket(*pBegun, stDatagram, stHeader);
+}
+
+// Without a scan: may this SSRC begin as a stream? Its format stays what it is guessed at the beginning, so where
+// nothing but the pattern tells it, a few more packets are waited for.
+bool CRtpIntakeImpl::IsConfirmed(const tagCandidate& stCandidate, uint8 cPt) const
+{
+    if (!stCandidate.learn.Alive())
+        return false;
+    uint32 dwSsrc = 0;
+    std::string strWhy;
+    size_t nHeldBytes = 0;
+    for (const tagHeld& stHeld : stCandidate.vecHeld)
+        nHeldBytes += stHeld.vecBytes.size();
+    return nHeldBytes > c_nMaxHeldBytes || RtpStaticFormat(cPt) != nullptr ||
+           stCandidate.learn.KnownByPayload() || stCandidate.learn.RtxOriginal(dwSsrc, strWhy) ||
+           stCandidate.vecHeld.size() + 1 >= c_nGuessPackets;
 }
 
 // The lane whose count the packet carries on the downlink.
@@ -755,10 +793,8 @@ void CRtpIntakeImpl::OnStreamPacket(tagStream& stStream, const tagRtpDatagram& s
     uint16 wLaneSeq = 0;
     CRtpDownlink::CLane& lane = Lane(stStream, stDatagram, stHeader, wLaneSeq);
 
-    const auto itFormat = m_stOptions.mapFormats.find(stHeader.cPt);
-    const emRtpKind ePtKind =
-        itFormat == m_stOptions.mapFormats.end() ? stStream.stInfo.stFormat.eKind : itFormat->second.eKind;
-    if (ePtKind == RTP_KIND_FEC)
+    // FEC that shares a media stream's sequences goes on with it: left out, it would look lost.
+    if (stStream.stInfo.stFormat.eKind == RTP_KIND_FEC)
     {
         m_downlink.Skip(lane, wLaneSeq);
         Drop(RTP_DROP_FEC);
@@ -810,7 +846,7 @@ bool CRtpIntakeImpl::UnwrapRtx(tagStream& stRtx, const tagRtpDatagram& stDatagra
         Drop(RTP_DROP_RTX_UNKNOWN);
         return false;
     }
-    stRtx.stInfo.nRtxOf = StreamOf(pOriginal->stInfo.dwSsrc);
+    stRtx.stInfo.nRtxOf = (int)pOriginal->dwIndex;
     if (stRtx.dwClock == 0)
         stRtx.dwClock = stRtx.stInfo.stFormat.dwClock = pOriginal->dwClock;
 
@@ -857,7 +893,7 @@ void CRtpIntakeImpl::Place(tagStream& stStream, const tagRtpDatagram& stDatagram
     st.stHead.uTimeStamp = (uint32)llMs; // modulo 2^32
     st.wTimeStamp = (uint16)llMs;        // modulo 65536
 
-    st.dwStream = m_mapStreams.at(stStream.stKey);
+    st.dwStream = stStream.dwIndex;
     st.ullArrivalUs = stDatagram.ullArrivalUs;
     st.stSrc = stDatagram.stSrc;
     st.stDst = stDatagram.stDst;
@@ -922,11 +958,8 @@ void CRtpIntakeImpl::Flush()
     m_bFlushed = true;
     for (auto& it : m_mapCandidates)
     {
-        if (!it.second.bHeld)
-            continue;
-        it.second.bHeld = false;
+        m_stTotals.aDrops[RTP_DROP_SSRC_UNCONFIRMED] += it.second.vecHeld.size();
         it.second.vecHeld.clear();
-        Drop(RTP_DROP_SSRC_UNCONFIRMED);
     }
 }
 

@@ -27,6 +27,31 @@ size_t NearestClock(double dHz, size_t nClocks)
     return nBest;
 }
 
+// Of the clocks in which a timestamp step is a usual length of audio frame: the one nearest to the slope, or without
+// one that in which the step is nearest to 20 ms.
+size_t ClockOfStep(int64_t llTicks, double dHz)
+{
+    static const int64_t c_aUsual100Us[] = {25, 50, 100, 200, 300, 400, 600, 800, 1000, 1200};
+    size_t nBest = c_nVideoClock;
+    double dBest = 0;
+    for (size_t i = 0; i < c_nVideoClock; i++)
+    {
+        for (int64_t llUsual : c_aUsual100Us)
+        {
+            if (llTicks * 10000 != llUsual * (int64_t)c_aClocks[i])
+                continue;
+            const double dOff =
+                std::fabs(dHz > 0 ? std::log(dHz / c_aClocks[i]) : std::log((double)llUsual / 200));
+            if (nBest == c_nVideoClock || dOff < dBest)
+            {
+                nBest = i;
+                dBest = dOff;
+            }
+        }
+    }
+    return nBest == c_nVideoClock ? 0 : nBest;
+}
+
 bool IsNear(double dHz, uint32 dwClock, double dPart) { return std::fabs(dHz / dwClock - 1) <= dPart; }
 } // namespace
 
@@ -56,6 +81,7 @@ void CRtpLearn::OnPacket(const tagRtpHeader& stHeader, const uint8* pPayload, ui
         else
             m_dwStepWeight--;
     }
+    m_dwMarkers += stHeader.bMarker ? 1 : 0;
     m_cLastPt = stHeader.cPt;
     m_wLastSeq = stHeader.wSeq;
     m_dwLastTs = stHeader.dwTs;
@@ -122,9 +148,8 @@ tagRtpFormat CRtpLearn::Guess(std::string& strWhy) const
     tagRtpFormat stFormat;
 
     // Payload first: it depends on no clock and no network.
-    const bool bH264 = m_dwH264Strong > 0 && m_dwH264 * 20 >= m_dwPayloads * 19;
-    const bool bVp8 = m_dwVp8Strong > 0 && m_dwVp8 * 20 >= m_dwPayloads * 19;
-    if (bH264 || bVp8)
+    const bool bH264 = LooksH264();
+    if (bH264 || LooksVp8())
     {
         stFormat.eKind = RTP_KIND_VIDEO;
         stFormat.strCodec = bH264 ? "H264" : "VP8";
@@ -146,11 +171,13 @@ tagRtpFormat CRtpLearn::Guess(std::string& strWhy) const
     }
     const bool bVotes = m_aVotes[nVoted] > 0;
 
-    // Several packets with one timestamp are a picture in pieces; so is a 90 kHz slope.
+    // Several packets with one timestamp are a picture in pieces, and a 90 kHz slope is video. In too short a stream
+    // for a slope, markers tell: they end every picture, but only begin a talkspurt.
     const bool bPieces = m_dwSameTs > 0 && m_dwSameTs * 20 >= m_dwPairs;
     const bool bVideoSlope =
         bVotes ? nVoted == c_nVideoClock : bSlope && IsNear(dHz, c_aClocks[c_nVideoClock], 0.15);
-    if (bPieces || bVideoSlope)
+    const bool bMarked = !bSlope && m_ullPackets >= 2 && m_dwMarkers * 4ull >= m_ullPackets * 3;
+    if (bPieces || bVideoSlope || bMarked)
     {
         stFormat.eKind = RTP_KIND_VIDEO;
         stFormat.strCodec = "video";
@@ -158,8 +185,11 @@ tagRtpFormat CRtpLearn::Guess(std::string& strWhy) const
         if (bPieces)
             std::snprintf(szText, sizeof(szText), "%u of %u packets share a timestamp", m_dwSameTs,
                           m_dwPairs);
-        else
+        else if (bVideoSlope)
             std::snprintf(szText, sizeof(szText), "timestamp slope %.1f kHz", dHz / 1000);
+        else
+            std::snprintf(szText, sizeof(szText), "%u of %llu packets have the marker", m_dwMarkers,
+                          (unsigned long long)m_ullPackets);
         strWhy = szText;
         return stFormat;
     }
@@ -172,12 +202,9 @@ tagRtpFormat CRtpLearn::Guess(std::string& strWhy) const
         nClock = nVoted;
     else if (bSlope)
         nClock = NearestClock(dHz, c_nVideoClock);
-    else if (m_llStepTicks >= 960)
-        nClock = 5; // 20 ms or more of 48000
-    else if (m_llStepTicks == 480)
-        nClock = 2; // 20 ms
-    else if (m_llStepTicks == 320 || m_llStepTicks == 640)
-        nClock = 1; // 20 or 40 ms
+    else
+        nClock = ClockOfStep(m_llStepTicks,
+                             ullSpan > 0 && m_llLastTs > 0 ? (double)m_llLastTs * 1e6 / (double)ullSpan : 0);
     // 44100 and 48000 are 9 % apart, which a jittery slope does not tell; whole milliseconds of 48000 do.
     if (c_aClocks[nClock] == 44100 && m_dwStepWeight > 0 && m_llStepTicks % 120 == 0)
         nClock = 5;

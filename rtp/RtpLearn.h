@@ -36,6 +36,9 @@ public:
     /// Kind, codec and clock of the main payload type by what was seen; strWhy says by what.
     tagRtpFormat Guess(std::string& strWhy) const;
 
+    /// Its payloads say what it is, so no pattern needs to be waited for.
+    bool KnownByPayload() const { return LooksH264() || LooksVp8(); }
+
     /// RTX: tests a payload's first two bytes and timestamp against a stream that may be the original.
     void TestRtx(const tagRtpHeader& stHeader, const uint8* pPayload, uint32 dwOriginalSsrc,
                  const CRtpLearn& original);
@@ -57,6 +60,8 @@ private:
         uint32 dwSsrc = 0;
         uint32 dwCount = 0;
     };
+    bool LooksH264() const { return m_dwH264Strong > 0 && m_dwH264 * 20ull >= m_dwPayloads * 19ull; }
+    bool LooksVp8() const { return m_dwVp8Strong > 0 && m_dwVp8 * 20ull >= m_dwPayloads * 19ull; }
     void LearnSlope(uint64 ullArrivalUs, int64_t llTs);
 
     uint64 m_ullPackets = 0;
@@ -77,8 +82,9 @@ private:
     std::array<uint32, 7> m_aVotes{};
 
     // Pattern
-    uint32 m_dwPairs = 0;      // packets after their predecessor, same type
-    uint32 m_dwSameTs = 0;     // of these with its timestamp
+    uint32 m_dwPairs = 0;  // packets after their predecessor, same type
+    uint32 m_dwSameTs = 0; // of these with its timestamp
+    uint32 m_dwMarkers = 0;
     int64_t m_llStepTicks = 0; // the commonest step between neighbours, by majority vote
     uint32 m_dwStepWeight = 0;
 

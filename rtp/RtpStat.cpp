@@ -6,8 +6,9 @@
 
 namespace
 {
-// Delays are kept from a minute before to a minute after the first packet's.
-const int64_t c_llDelayReachMs = 60000;
+// Delays are kept from a minute before to a minute after the first packet's, in quarters of a millisecond.
+const int64_t c_llBinUs = 250;
+const int64_t c_llDelayReach = 60000000 / c_llBinUs;
 } // namespace
 
 void CRtpSeqWindow::Run(bool bHere, uint64& ullOpen, uint64& ullRuns, uint64& ullLongest)
@@ -127,7 +128,7 @@ void CRtpStat::Delay(uint64 ullArrivalUs, uint32 dwTs, uint32 dwClock)
     m_llLastTransitUs = llTransitUs;
 
     const int64_t llBin =
-        std::min(std::max(FloorDiv(llTransitUs, 1000), -c_llDelayReachMs), c_llDelayReachMs);
+        std::min(std::max(FloorDiv(llTransitUs, c_llBinUs), -c_llDelayReach), c_llDelayReach);
     if (m_vecBins.empty())
         m_llFirstBin = llBin;
     if (llBin < m_llFirstBin)
@@ -143,14 +144,14 @@ void CRtpStat::Delay(uint64 ullArrivalUs, uint32 dwTs, uint32 dwClock)
 
 uint32 CRtpStat::Quantile(uint64 ullPermille) const
 {
-    // The bins begin at the smallest delay, so a bin's place is the delay relative to it.
-    const uint64 ullRank = m_ullDelays == 0 ? 0 : (m_ullDelays - 1) * ullPermille / 1000;
+    // The bins begin at the smallest delay, so a bin's place is the delay relative to it, rounded to ms.
+    const uint64 ullRank = m_ullDelays == 0 ? 0 : std::min(m_ullDelays - 1, m_ullDelays * ullPermille / 1000);
     uint64 ullSeen = 0;
     for (size_t i = 0; i < m_vecBins.size(); i++)
     {
         ullSeen += m_vecBins[i];
         if (ullSeen > ullRank)
-            return (uint32)i;
+            return (uint32)((i * c_llBinUs + 500) / 1000);
     }
     return 0;
 }

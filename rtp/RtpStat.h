@@ -61,7 +61,7 @@ private:
     int64_t m_llLastTransitUs = 0;
     double m_dJitterUs = 0;
     double m_dJitterMaxUs = 0;
-    // Delay relative to the first packet's, a bin per ms from m_llFirstBin on; outliers count in the end bins.
+    // Delay relative to the first packet's, a bin per quarter of a ms from m_llFirstBin on; outliers count in the end bins.
     std::vector<uint32> m_vecBins;
     int64_t m_llFirstBin = 0;
     uint64 m_ullDelays = 0;
