@@ -18,11 +18,13 @@
 ///     while (intake.Pop(stMedia))
 ///         Feed(stMedia);
 ///
-/// A live owner sets tagRtpOptions::bLive and leaves the scan out. What is not known then falls back: the SSRC is
-/// the account until a CNAME is heard, a stream begins with its second packet (with its tenth when only the pattern of
-/// its packets can tell what it carries; none is lost, the first ones come out together then, with their own arrival
-/// times), streams are placed on their user's timeline by arrival. A stream keeps what it started with: a CNAME or sender report that comes later
-/// counts for streams that start later and never moves a running one.
+/// A live owner sets tagRtpOptions::bLive and leaves the scan out. What is not known then falls back:
+/// - The SSRC is the account until a CNAME is heard.
+/// - A stream begins with its second packet; with its tenth when only the pattern of its packets can tell what it
+///   carries. None is lost: the first ones come out together then, with their own arrival times.
+/// - Streams are placed on their user's timeline by arrival.
+/// A stream keeps what it began with: a CNAME or a sender report that comes later counts for streams that begin later
+/// and never moves a running one.
 ///
 /// Memory is bounded by the number of streams, never by the length of the input. No call throws but std::bad_alloc
 /// (nothing else is thrown on any bytes). One thread at a time.

@@ -199,7 +199,12 @@ bool CRtcpReader::ReadPart(const uint8* pPart, uint32 dwLen, std::vector<tagRtpE
             const auto& stChunk = pMsg->r.sdesv[i];
             for (uint32 k = 0; k < stChunk.n; k++)
             {
-                if (stChunk.itemv[k].type != RTCP_SDES_CNAME || stChunk.itemv[k].length == 0)
+                // The parser stores whatever byte came, and reading an enum that holds none of its values is
+                // not defined.
+                int nType = 0;
+                static_assert(sizeof(nType) == sizeof(stChunk.itemv[k].type));
+                memcpy(&nType, &stChunk.itemv[k].type, sizeof(nType));
+                if (nType != RTCP_SDES_CNAME || stChunk.itemv[k].length == 0)
                     continue;
                 stEvent.eType = RTP_EVENT_CNAME;
                 stEvent.dwSenderSsrc = stEvent.dwMediaSsrc = stChunk.src;
