@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
 #include <ctime>
 
 namespace lab
@@ -17,7 +18,11 @@ struct tagPaint
     bool bColours;
     std::string Wrap(const char* pszCode, const std::string& str) const
     {
-        return bColours ? fmt::format("\033[{}m{}\033[0m", pszCode, str) : str;
+        if (!bColours)
+            return str;
+        const bool bLine = !str.empty() && str.back() == '\n'; // a colour ends with its line
+        return fmt::format("\033[{}m{}\033[0m{}", pszCode, bLine ? str.substr(0, str.size() - 1) : str,
+                           bLine ? "\n" : "");
     }
     std::string Head(const std::string& str) const { return Wrap("1", str); }
     std::string Bad(const std::string& str) const { return Wrap("31;1", str); }
@@ -175,6 +180,9 @@ std::vector<std::string> Notes(const tagReplayResult& stResult)
     return vec;
 }
 
+// Microseconds are all that a capture can tell of milliseconds.
+double Rounded(double d) { return std::round(d * 1000.0) / 1000.0; }
+
 nlohmann::ordered_json DelayJson(const CMsHistogram& h)
 {
     nlohmann::ordered_json j;
@@ -186,7 +194,7 @@ nlohmann::ordered_json DelayJson(const CMsHistogram& h)
     j["p95"] = h.Quantile(0.95);
     j["p99"] = h.Quantile(0.99);
     j["max"] = h.Max();
-    j["mean"] = h.Mean();
+    j["mean"] = Rounded(h.Mean());
     return j;
 }
 
@@ -225,11 +233,11 @@ nlohmann::ordered_json StreamJson(size_t n, const tagStreamResult& st)
     c["duplicates"] = stat.ullDuplicates;
     c["rtx_packets"] = stInfo.ullRtxPackets;
     c["rtx_repaired"] = stInfo.ullRtxRepaired;
-    c["jitter_ms"] = stat.dJitterMs;
-    c["jitter_max_ms"] = stat.dJitterMaxMs;
+    c["jitter_ms"] = Rounded(stat.dJitterMs);
+    c["jitter_max_ms"] = Rounded(stat.dJitterMaxMs);
     c["first_us"] = stat.ullFirstUs;
     c["last_us"] = stat.ullLastUs;
-    c["longest_gap_ms"] = (double)stat.ullLongestGapUs / 1000.0;
+    c["longest_gap_ms"] = Rounded((double)stat.ullLongestGapUs / 1000.0);
     if (stat.bDelays)
         c["relative_delay_ms"] = {{"median", stat.dwDelayP50Ms},
                                   {"p95", stat.dwDelayP95Ms},
@@ -351,7 +359,8 @@ nlohmann::ordered_json ReplayJson(const tagReplayResult& stResult)
         u["streams"] = stUser.vecStreams;
         u["av_offset_ms"] = DelayJson(stUser.avOffset);
         if (stUser.avOffset.Count())
-            u["av_offset_ms"]["signed_mean"] = (double)stUser.llAvSumMs / (double)stUser.avOffset.Count();
+            u["av_offset_ms"]["signed_mean"] =
+                Rounded((double)stUser.llAvSumMs / (double)stUser.avOffset.Count());
         j["users"].push_back(u);
     }
     j["pull_backs"] = stResult.ullPullBacks;

@@ -49,7 +49,7 @@ int64 RunLoop(CLabRun& run, IEventSource& source, const tagLoopOptions& stOption
         run.Turn(llNextTurn);
         llLastTurn = llNextTurn;
         llNextTurn += llTurnUs;
-        if (++uBeat % 1024 == 0 && stOptions.fnBeat)
+        if (++uBeat % 64 == 0 && stOptions.fnBeat)
             stOptions.fnBeat();
     };
 

@@ -282,6 +282,27 @@ TEST(Replay, TwoCapturesOfOneCallAreOneReplay)
     EXPECT_EQ(st.vecStreams[0].stInfo.stStat.ullLost, 0u);
 }
 
+// Used to read the item's type as an enum that has no such value.
+TEST(Replay, AnRtcpDescriptionItemOfNoKnownTypeIsPassedOver)
+{
+    CHandCall call;
+    call.Packets(0, 50);
+    const Bytes cname = {1, 5, 'a', '@', 'l', 'a', 'b', 0};
+    const Bytes sdes = Join({{0x81, 202}, Be16(4), Be32(0xCA11), {253, 2, 'x', 'y'}, cname});
+    call.m_pcap.Add(1700000001000000ull, Ipv4(Udp(sdes)));
+    call.m_pcap.Add(1700000001000000ull, Ipv4(Udp(Join({{0x80, 201},
+                                                        Be16(1),
+                                                        Be32(0xCA11),
+                                                        {0x81, 202},
+                                                        Be16(4),
+                                                        Be32(0xCA11),
+                                                        {253, 2, 'x', 'y'},
+                                                        cname}))));
+    const tagReplayResult st = call.Play();
+    EXPECT_EQ(st.ExitCode(), 0);
+    EXPECT_EQ(st.vecUsers.at(0).strName, "a@lab");
+}
+
 TEST(Replay, ThePlayedCaptureHoldsEveryPlayedPacketAtItsTime)
 {
     CTempDir dir;
