@@ -2,6 +2,7 @@
 
 #include "Replay.h"
 #include "ReplayReport.h"
+#include "SimCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -141,11 +142,14 @@ int Main(int argc, char** argv)
     app.require_subcommand(1);
     tagReplayArgs replay;
     AddReplay(app, replay);
+    CSimCommand simulate(app);
     try
     {
         app.parse(argc, argv);
         if (app.got_subcommand("replay"))
             return Replay(replay);
+        if (app.got_subcommand("simulate"))
+            return simulate.Run();
     }
     catch (const CLI::ParseError& e)
     {
@@ -154,7 +158,7 @@ int Main(int argc, char** argv)
         // A word that is no command is reported as if nothing had been asked for.
         if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty())
             return Complain(
-                fmt::format("\"{}\" is not a command (expected: replay)", Printable(argv[1], 40)));
+                fmt::format("\"{}\" is not a command (expected: replay or simulate)", Printable(argv[1], 40)));
         return Complain(e.what());
     }
     catch (const std::exception& e)

@@ -54,6 +54,8 @@ public:
     void Gone(CMediaPacket& packet);
     // After the receiver is gone: the last checks.
     void Finish();
+    // A check made elsewhere was broken.
+    void Report(const std::string& strWhat) { Violation(strWhat); }
 
     const tagPacketAccount& Account(uint32 uStream);
     uint64 Live() const { return m_ullLive; }

@@ -85,7 +85,8 @@ bool CSimLossy::Take(tagSimPacket& stPacket)
 
 // ---- Bottleneck --------------------------------------------------------------------------------------------------
 
-CSimBottleneck::CSimBottleneck(SimSourcePtr pInner, const tagSimPath& stPath, emSimWay eWay, ISimDropWatch& watch)
+CSimBottleneck::CSimBottleneck(SimSourcePtr pInner, const tagSimPath& stPath, emSimWay eWay,
+                               ISimDropWatch& watch)
     : m_pInner(std::move(pInner)), m_stPath(stPath), m_eWay(eWay), m_watch(watch)
 {
     const double dKbps = stPath.pRateTrace ? stPath.pRateTrace->dMeanKbps : stPath.dRateKbps;
@@ -130,7 +131,8 @@ void CSimBottleneck::Admit(int64 llNowUs, const tagSimPacket& stPacket)
     if (m_queue.size() == 1)
     {
         // An idle link: opportunities that passed meanwhile were wasted, one at this very moment is not.
-        if (m_stPath.pRateTrace && !m_stPath.pRateTrace->vecOpportunityUs.empty() && OpportunityUs() < llNowUs)
+        if (m_stPath.pRateTrace && !m_stPath.pRateTrace->vecOpportunityUs.empty() &&
+            OpportunityUs() < llNowUs)
             NextOpportunity(llNowUs);
         StartService(llNowUs);
     }
@@ -242,6 +244,19 @@ int64 CSimDelay::BaseUs(int64 llNowUs)
     return m_nStep == 0 ? m_stPath.llDelayUs : vec[m_nStep - 1].second;
 }
 
+int64 CSimDelay::JitterUs(int64 llNowUs)
+{
+    if (m_stPath.bJitterReorders || m_llWanderUs < 0)
+        m_dWander = m_random.Normal();
+    else
+    {
+        const double dKept = 1 / (1 + (double)(llNowUs - m_llWanderUs) / (double)m_stPath.llJitterMemoryUs);
+        m_dWander = m_dWander * dKept + m_random.Normal() * std::sqrt(1 - dKept * dKept);
+    }
+    m_llWanderUs = llNowUs;
+    return llround(m_dWander * (double)m_stPath.llJitterUs);
+}
+
 bool CSimDelay::Take(tagSimPacket& stPacket)
 {
     const int64 llNowUs = m_pInner->NextUs();
@@ -254,12 +269,13 @@ bool CSimDelay::Take(tagSimPacket& stPacket)
         return false;
     int64 llDelayUs = BaseUs(llNowUs);
     if (m_stPath.llJitterUs > 0)
-        llDelayUs += llround(m_random.Normal() * (double)m_stPath.llJitterUs);
+        llDelayUs += JitterUs(llNowUs);
     int64 llOutUs = llNowUs + std::max<int64>(0, llDelayUs);
     if (!m_stPath.bJitterReorders)
         llOutUs = std::max(llOutUs, m_llLastUs);
     if (m_random.Chance(m_stPath.dReorderPercent / 100))
-        llOutUs += 1 + (int64)m_random.Below((uint64)m_stPath.llReorderUs); // the ones behind do not wait for it
+        llOutUs +=
+            1 + (int64)m_random.Below((uint64)m_stPath.llReorderUs); // the ones behind do not wait for it
     else
         m_llLastUs = std::max(m_llLastUs, llOutUs);
     m_heap.Push(llOutUs, stPacket);
@@ -289,21 +305,23 @@ bool CSimDuplicate::Take(tagSimPacket& stPacket)
 
 // ---- All of a direction --------------------------------------------------------------------------------------------
 
-SimSourcePtr Impair(SimSourcePtr pInner, const tagSimPath& stPath, emSimWay eWay, uint64 ullSeed, uint64 ullLink,
-                    ISimDropWatch& watch)
+SimSourcePtr Impair(SimSourcePtr pInner, const tagSimPath& stPath, emSimWay eWay, uint64 ullSeed,
+                    uint64 ullLink, ISimDropWatch& watch)
 {
     const uint64 ullNumber = (uint64)eWay << 32 | ullLink;
-    if (stPath.dLossPercent > 0 || !stPath.vecOutages.empty() || stPath.llOutageForUs > 0 || stPath.pLossTrace)
-        pInner = std::make_unique<CSimLossy>(std::move(pInner), stPath, CSimRandom(ullSeed, "loss", ullNumber), eWay,
-                                             watch);
+    if (stPath.dLossPercent > 0 || !stPath.vecOutages.empty() || stPath.llOutageForUs > 0 ||
+        stPath.pLossTrace)
+        pInner = std::make_unique<CSimLossy>(std::move(pInner), stPath,
+                                             CSimRandom(ullSeed, "loss", ullNumber), eWay, watch);
     if (stPath.dRateKbps > 0 || stPath.pRateTrace)
         pInner = std::make_unique<CSimBottleneck>(std::move(pInner), stPath, eWay, watch);
     if (stPath.llDelayUs > 0 || stPath.llJitterUs > 0 || !stPath.vecSteps.empty() || stPath.pDelayTrace ||
         stPath.dReorderPercent > 0)
-        pInner = std::make_unique<CSimDelay>(std::move(pInner), stPath, CSimRandom(ullSeed, "delay", ullNumber));
-    if (stPath.dDuplicatePercent > 0)
         pInner =
-            std::make_unique<CSimDuplicate>(std::move(pInner), stPath, CSimRandom(ullSeed, "duplicate", ullNumber));
+            std::make_unique<CSimDelay>(std::move(pInner), stPath, CSimRandom(ullSeed, "delay", ullNumber));
+    if (stPath.dDuplicatePercent > 0)
+        pInner = std::make_unique<CSimDuplicate>(std::move(pInner), stPath,
+                                                 CSimRandom(ullSeed, "duplicate", ullNumber));
     return pInner;
 }
 

@@ -207,12 +207,13 @@ private:
     // Opportunities
     int64 m_llRoundUs = 0;
     size_t m_nOpportunity = 0;
-    uint32 m_uCredit = 1500;   // bytes that the present opportunity can still serve
-    uint32 m_uFrontServed = 0; // bytes of the front packet served before
+    uint32 m_uCredit = 1500; // bytes that the present opportunity can still serve
 };
 
 // Delay: constant or in steps or recorded, plus a normal jitter, plus a hold for packets that are to be overtaken.
-// Without bJitterReorders jitter never makes a packet overtake another: it waits for the one before, as in a queue.
+// Jitter wanders: it is a first-order autoregressive process in time, as the filling of queues along a way is, and
+// no packet overtakes another. (Every packet for itself would make each wait for the slowest just before it, which
+// is a longer delay and hardly any jitter.) With bJitterReorders every packet is for itself and may overtake.
 class CSimDelay : public ISimSource
 {
 public:
@@ -222,12 +223,15 @@ public:
 
 private:
     int64 BaseUs(int64 llNowUs);
+    int64 JitterUs(int64 llNowUs);
 
     SimSourcePtr m_pInner;
     const tagSimPath& m_stPath;
     CSimRandom m_random;
     CSimHeap m_heap;
     int64 m_llLastUs = 0;
+    double m_dWander = 0;    // the jitter in force, in deviations
+    int64 m_llWanderUs = -1; // since when; -1: not yet
     size_t m_nStep = 0;
     size_t m_nCursor = 0;
 };
@@ -251,8 +255,8 @@ private:
 
 // The source with all impairments of a direction around it, and no more than it has. stPath and watch must outlive
 // the result.
-SimSourcePtr Impair(SimSourcePtr pInner, const tagSimPath& stPath, emSimWay eWay, uint64 ullSeed, uint64 ullLink,
-                    ISimDropWatch& watch);
+SimSourcePtr Impair(SimSourcePtr pInner, const tagSimPath& stPath, emSimWay eWay, uint64 ullSeed,
+                    uint64 ullLink, ISimDropWatch& watch);
 
 } // namespace lab
 

@@ -26,7 +26,7 @@ typedef nlohmann::ordered_json Json;
 const char* const c_aStreamNames[SIM_STREAMS] = {"audio", "video", "small", "sub", "share"};
 const uint8 c_aSubTypes[SIM_STREAMS] = {MEAVAudio, MEAVMaxVideo, MEAVMinVideo, MEAVSubVideo, MEAVPPTShare};
 
-constexpr double c_dLongest = 7 * 24 * 3600.0; // seconds
+constexpr double c_dLongest = 2 * 24 * 3600.0; // seconds
 constexpr uint32 c_uMostUsers = 1000;
 
 struct tagWrong : std::runtime_error
@@ -46,7 +46,8 @@ public:
     CSection(const Json& j, std::string strPath) : m_j(j), m_strPath(std::move(strPath))
     {
         if (!j.is_object())
-            Wrong(m_strPath.empty() ? "the scenario" : m_strPath, fmt::format("expected {{...}}, got {}", j.dump()));
+            Wrong(m_strPath.empty() ? "the scenario" : m_strPath,
+                  fmt::format("expected {{...}}, got {}", j.dump()));
     }
 
     std::string Where(const char* pszKey) const
@@ -65,7 +66,8 @@ public:
         if (!p)
             return;
         if (!p->is_number() || p->get<double>() < dMin || p->get<double>() > dMax)
-            Wrong(Where(pszKey), fmt::format("expected a number from {} to {}, got {}", dMin, dMax, p->dump()));
+            Wrong(Where(pszKey),
+                  fmt::format("expected a number from {} to {}, got {}", dMin, dMax, p->dump()));
         d = p->get<double>();
     }
     template <class T>
@@ -113,7 +115,8 @@ public:
         str = p->get<std::string>();
     }
     // [[at_s, second], ...]; the second number is in units of llUnitUs.
-    void Pairs(const char* pszKey, std::vector<std::pair<int64, int64>>& vec, int64 llUnitUs, const char* pszForm)
+    void Pairs(const char* pszKey, std::vector<std::pair<int64, int64>>& vec, int64 llUnitUs,
+               const char* pszForm)
     {
         const Json* p = Find(pszKey);
         if (!p)
@@ -152,8 +155,8 @@ std::string InFolder(const std::string& strFolder, const std::string& strName)
 }
 
 template <class T, class F>
-void ReadTrace(CSection& section, const char* pszKey, const std::string& strPath, std::shared_ptr<const T>& pTrace,
-               F fnRead)
+void ReadTrace(CSection& section, const char* pszKey, const std::string& strPath,
+               std::shared_ptr<const T>& pTrace, F fnRead)
 {
     if (strPath.empty())
         return;
@@ -164,7 +167,8 @@ void ReadTrace(CSection& section, const char* pszKey, const std::string& strPath
     pTrace = p;
 }
 
-void ParsePath(const Json* pJson, const char* pszName, emTraceWay eWay, const std::string& strFolder, tagSimPath& st)
+void ParsePath(const Json* pJson, const char* pszName, emTraceWay eWay, const std::string& strFolder,
+               tagSimPath& st)
 {
     if (!pJson)
         return;
@@ -186,6 +190,7 @@ void ParsePath(const Json* pJson, const char* pszName, emTraceWay eWay, const st
     s.Text("loss_trace", st.strLossTrace);
     s.Ms("delay_ms", st.llDelayUs, 0, 60000);
     s.Ms("jitter_ms", st.llJitterUs, 0, 10000);
+    s.Ms("jitter_memory_ms", st.llJitterMemoryUs, 1, 60000);
     s.Flag("jitter_reorders", st.bJitterReorders);
     s.Pairs("steps", st.vecSteps, 1000, "[[at_s, delay_ms], ...]");
     s.Text("delay_trace", st.strDelayTrace);
@@ -251,9 +256,10 @@ void ParseVideo(const Json* pJson, const std::string& strPath, tagSimVideo& st)
     const double dP = st.uKbps * 125.0 / st.dFps * st.uGop / (st.uGop - 1 + st.dIRatio);
     const double dPackets = dP * st.dIRatio * (1 + st.dSpread / 100) / st.uMtu + st.uFec;
     if (dPackets > 250)
-        Wrong(strPath, fmt::format("expected I frames of at most 250 packets, this makes {:.0f}: raise mtu or fps, "
-                                   "lower kbps, i_ratio, gop or fec",
-                                   dPackets));
+        Wrong(strPath,
+              fmt::format("expected I frames of at most 250 packets, this makes {:.0f}: raise mtu or fps, "
+                          "lower kbps, i_ratio, gop or fec",
+                          dPackets));
 }
 
 uint32 StreamsNamed(CSection& s)
@@ -265,8 +271,9 @@ uint32 StreamsNamed(CSection& s)
     const Json jList = p->is_array() ? *p : Json::array({*p});
     for (const Json& jName : jList)
     {
-        const auto it = std::find_if(std::begin(c_aStreamNames), std::end(c_aStreamNames),
-                                     [&](const char* pszName) { return jName.is_string() && jName == pszName; });
+        const auto it =
+            std::find_if(std::begin(c_aStreamNames), std::end(c_aStreamNames),
+                         [&](const char* pszName) { return jName.is_string() && jName == pszName; });
         if (it == std::end(c_aStreamNames))
             Wrong(s.Where("streams"),
                   fmt::format("expected {}, got {}", fmt::join(c_aStreamNames, ", "), jName.dump()));
@@ -408,7 +415,8 @@ bool ReadScenarioFile(const std::string& strPath, Json& j, std::string& strError
     catch (const Json::parse_error& e)
     {
         const size_t nEnd = std::min<size_t>(e.byte, strText.size());
-        const size_t nLine = 1 + (size_t)std::count(strText.begin(), strText.begin() + (long)(nEnd ? nEnd - 1 : 0), '\n');
+        const size_t nLine =
+            1 + (size_t)std::count(strText.begin(), strText.begin() + (long)(nEnd ? nEnd - 1 : 0), '\n');
         std::string strWhat = e.what();
         const size_t nColon = strWhat.rfind(": syntax error");
         if (nColon != std::string::npos)
@@ -419,7 +427,8 @@ bool ReadScenarioFile(const std::string& strPath, Json& j, std::string& strError
     }
 }
 
-bool SetScenarioOption(Json& j, const std::string& strPath, const std::string& strValue, std::string& strError)
+bool SetScenarioOption(Json& j, const std::string& strPath, const std::string& strValue,
+                       std::string& strError)
 {
     Json jValue = Json::parse(strValue, nullptr, false);
     if (jValue.is_discarded())
@@ -468,6 +477,7 @@ try
     s.Text("about", st.strAbout);
     s.Whole("seed", st.ullSeed, 0, UINT64_MAX);
     s.Seconds("seconds", st.llDurationUs, 0.1, c_dLongest);
+    s.Seconds("count_from_s", st.llCountFromUs, 0, c_dLongest);
     ParseReceiver(s.Find("receiver"), st.stReceiver);
     ParseRelay(s.Find("relay"), st.stRelay);
     ParsePath(s.Find("up"), "up", TRACE_UPLINK, strFolder, st.stUp);

@@ -23,15 +23,17 @@ namespace lab
 struct tagSimPath
 {
     double dLossPercent = 0;
-    double dBurst = 0; // mean packets per loss burst (Gilbert-Elliott); 0: every packet for itself (Bernoulli)
+    double dBurst =
+        0; // mean packets per loss burst (Gilbert-Elliott); 0: every packet for itself (Bernoulli)
     std::vector<std::pair<int64, int64>> vecOutages; // from, for: microseconds
-    int64 llOutageEveryUs = 0;                       // besides: one of llOutageForUs at the end of every such span
+    int64 llOutageEveryUs = 0; // besides: one of llOutageForUs at the end of every such span
     int64 llOutageForUs = 0;
     std::string strLossTrace;
 
     int64 llDelayUs = 0;
-    int64 llJitterUs = 0;         // standard deviation of a normal distribution, never below no delay at all
-    bool bJitterReorders = false; // false: a packet never overtakes another, as in a queue
+    int64 llJitterUs = 0;           // standard deviation of a normal distribution; a delay is never below 0
+    int64 llJitterMemoryUs = 50000; // how long a delay that has wandered off stays away
+    bool bJitterReorders = false;   // true: every packet for itself, overtaking; false: as in a queue
     std::vector<std::pair<int64, int64>> vecSteps; // from, delay from then on: microseconds
     std::string strDelayTrace;                     // replaces delay and steps
 
@@ -65,12 +67,12 @@ struct tagSimVideo
     bool bOn = false;
     uint32 uKbps = 1000;
     double dFps = 15;
-    uint32 uGop = 30;      // frames from one I frame to the next
-    double dIRatio = 6;    // bytes of an I frame over those of a P frame
-    double dSpread = 20;   // frame sizes vary evenly by up to this many percent
-    uint32 uMtu = 1200;    // largest packet, bytes on the wire
-    uint32 uFec = 0;       // packets added to each frame
-    int64 llPaceUs = 300;  // between the packets of a frame
+    uint32 uGop = 30;     // frames from one I frame to the next
+    double dIRatio = 6;   // bytes of an I frame over those of a P frame
+    double dSpread = 20;  // frame sizes vary evenly by up to this many percent
+    uint32 uMtu = 1200;   // largest packet, bytes on the wire
+    uint32 uFec = 0;      // packets added to each frame
+    int64 llPaceUs = 300; // between the packets of a frame
 };
 
 // The streams of a user, in the order of this list everywhere.
@@ -114,7 +116,7 @@ struct tagSimUsers
 {
     uint32 uCount = 1;
     std::string strName = "user";
-    double dSkewPpm = 0;      // of the sender's clock; positive: it runs fast
+    double dSkewPpm = 0;       // of the sender's clock; positive: it runs fast
     double dSkewSpreadPpm = 0; // spread evenly over the group, from -spread to +spread around it
     int64 llJoinUs = 0;
     int64 llJoinEveryUs = 0; // each further user of the group joins this much later
@@ -133,8 +135,8 @@ struct tagSimReceiver
     bool bLowLatency = false;
     uint32 uPlayDelayMs = 0;
     int64 llTurnUs = 10000;
-    int64 llJoinUs = -1;       // -1: at once, or when there are enough GOPs to be pushed
-    uint32 uTimelineMs = 0;    // 0 leaves the receiver's default, as do the next three
+    int64 llJoinUs = -1;    // -1: at once, or when there are enough GOPs to be pushed
+    uint32 uTimelineMs = 0; // 0 leaves the receiver's default, as do the next three
     uint32 uTimelineMaxMs = 0;
     uint32 uFirstRequestMs = 0;
     uint32 uNextRequestMs = 0;
@@ -161,6 +163,7 @@ struct tagScenario
     std::string strAbout;
     uint64 ullSeed = 1;
     int64 llDurationUs = 60000000;
+    int64 llCountFromUs = 0; // packets sent before are not counted
     tagSimReceiver stReceiver;
     tagSimRelay stRelay;
     std::vector<tagSimUsers> vecUsers;

@@ -69,7 +69,8 @@ std::string Shown(const std::string& strText)
 
 bool WholeNumber(const std::string& strText, int64& ll)
 {
-    if (strText.empty() || strText.size() > 15 || strText.find_first_not_of("0123456789") != std::string::npos)
+    if (strText.empty() || strText.size() > 15 ||
+        strText.find_first_not_of("0123456789") != std::string::npos)
         return false;
     ll = strtoll(strText.c_str(), nullptr, 10);
     return true;
@@ -93,8 +94,9 @@ bool ReadMahimahi(CLines& lines, std::string strLine, tagRateTrace& stTrace)
     {
         int64 llMs = 0;
         if (!WholeNumber(strLine, llMs))
-            return lines.Fail(fmt::format(
-                "expected the milliseconds of a delivery opportunity (mahimahi), got \"{}\"", Shown(strLine)));
+            return lines.Fail(
+                fmt::format("expected the milliseconds of a delivery opportunity (mahimahi), got \"{}\"",
+                            Shown(strLine)));
         if (llMs < llLast)
             return lines.Fail(fmt::format("expected {} or more, times never fall, got {}", llLast, llMs));
         llLast = llMs;
@@ -151,9 +153,12 @@ bool ReadPing(CLines& lines, std::string strLine, std::vector<tagEcho>& vecEchoe
             if (strLine.find("(DUP!)") != std::string::npos)
                 continue;
         }
-        else if (strLine.find("nreachable") == std::string::npos && strLine.find("timeout") == std::string::npos &&
-                 strLine.find("no answer") == std::string::npos && strLine.find("xceeded") == std::string::npos)
-            return lines.Fail(fmt::format("expected time=MS or a lost echo (ping), got \"{}\"", Shown(strLine)));
+        else if (strLine.find("nreachable") == std::string::npos &&
+                 strLine.find("timeout") == std::string::npos &&
+                 strLine.find("no answer") == std::string::npos &&
+                 strLine.find("xceeded") == std::string::npos)
+            return lines.Fail(
+                fmt::format("expected time=MS or a lost echo (ping), got \"{}\"", Shown(strLine)));
         vecEchoes.push_back(stEcho);
     } while (lines.Next(strLine));
     if (vecEchoes.empty())
@@ -184,8 +189,8 @@ bool TableTime(const std::string& strText, int64& llSeconds)
 {
     int nYear = 0, nMonth = 0, nDay = 0, nHour = 0, nMinute = 0, nSecond = 0;
     char cEnd = 0;
-    if (sscanf(strText.c_str(), "%4d.%2d.%2d_%2d.%2d.%2d%c", &nYear, &nMonth, &nDay, &nHour, &nMinute, &nSecond,
-               &cEnd) != 6 ||
+    if (sscanf(strText.c_str(), "%4d.%2d.%2d_%2d.%2d.%2d%c", &nYear, &nMonth, &nDay, &nHour, &nMinute,
+               &nSecond, &cEnd) != 6 ||
         nMonth < 1 || nMonth > 12 || nDay < 1 || nDay > 31 || nHour > 23 || nMinute > 59 || nSecond > 60)
         return false;
     // Days of the civil calendar, March first.
@@ -375,8 +380,8 @@ bool ReadLossTrace(const std::string& strPath, tagLossTrace& stTrace, std::strin
                                 continue; // told twice
                             if (stEcho.llSeq > llNext)
                                 stShare.vecPoints.push_back({(llNext - llFirst) * c_llSecondUs, 1.0});
-                            stShare.vecPoints.push_back({(stEcho.llSeq - llFirst) * c_llSecondUs,
-                                                         stEcho.dRttMs < 0 ? 1.0 : 0.0});
+                            stShare.vecPoints.push_back(
+                                {(stEcho.llSeq - llFirst) * c_llSecondUs, stEcho.dRttMs < 0 ? 1.0 : 0.0});
                             llNext = stEcho.llSeq + 1;
                         }
                         stShare.llPeriodUs = (llNext - llFirst) * c_llSecondUs;
