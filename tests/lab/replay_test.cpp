@@ -364,6 +364,19 @@ TEST(Replay, EveryJsonNameIsInTheManual)
         EXPECT_THAT(strManual.str(), HasSubstr("`" + strName + "`"));
 }
 
+TEST(Replay, TheSampleInTheManualIsWhatItPrints)
+{
+    tagReplayResult st = RunReplay(Options(Bundled("h264-opus-rtx-lab-31s.pcapng")));
+    st.stOptions.vecCaptures = {"data/rtp/h264-opus-rtx-lab-31s.pcapng"};
+    const Bytes manual = ReadFile(std::string(UDT_SOURCE_DIR) + "/docs/replay.md");
+    const std::string strManual(manual.begin(), manual.end());
+    std::istringstream strTable(ReplayTable(st, false));
+    std::string strWant;
+    for (std::string strLine; std::getline(strTable, strLine);)
+        strWant += strLine.empty() ? "\n" : "    " + strLine + "\n";
+    EXPECT_NE(strManual.find(strWant), std::string::npos) << "docs/replay.md should show:\n" << strWant;
+}
+
 TEST(Replay, LogLinesCarryVirtualTime)
 {
     CHandCall call;
