@@ -1,7 +1,7 @@
 #ifndef RECVTEST_H
 #define RECVTEST_H
 
-/** What the receiver's tests share: log lines as values, and packets of media time near the tick's wrap. */
+/** What the receiver's tests share: log lines as values, and the order of members. */
 
 #include "RecvRig.h"
 
@@ -13,35 +13,61 @@
 #include <string>
 #include <vector>
 
-inline bool operator==(const tagLogLine& stLeft, const tagLogLine& stRight)
+/// A log line as a value. A type of its own, so that every test program prints it alike.
+struct tagLine
+{
+    UDT_LOG_LEVEL eLevel;
+    std::string strTag;
+    std::string strFile;
+    std::string strFunc;
+    std::string strText;
+
+    tagLine(UDT_LOG_LEVEL eLineLevel, const char* pszFunc, const std::string& strLineText)
+        : eLevel(eLineLevel), strTag("CmdCode"), strFile("AVGUDTRecv"), strFunc(pszFunc), strText(strLineText)
+    {
+    }
+    tagLine(const tagLogLine& st)
+        : eLevel(st.eLevel), strTag(st.strTag), strFile(st.strFile), strFunc(st.strFunc), strText(st.strText)
+    {
+    }
+};
+
+inline bool operator==(const tagLine& stLeft, const tagLine& stRight)
 {
     return stLeft.eLevel == stRight.eLevel && stLeft.strTag == stRight.strTag &&
            stLeft.strFile == stRight.strFile && stLeft.strFunc == stRight.strFunc &&
            stLeft.strText == stRight.strText;
 }
 
-inline void PrintTo(const tagLogLine& stLine, std::ostream* pOut)
+inline void PrintTo(const tagLine& stLine, std::ostream* pOut)
 {
     *pOut << stLine.eLevel << ' ' << stLine.strTag << ' ' << stLine.strFile << ' ' << stLine.strFunc << ": \""
           << stLine.strText << '"';
 }
 
 /// A line of the receiver as an operator finds it: level 4, the tag and the file that never change.
-inline tagLogLine ErrorLine(const char* pszFunc, const std::string& strText)
+inline tagLine ErrorLine(const char* pszFunc, const std::string& strText)
 {
-    return {LOG_LEVEL_ERROR, "CmdCode", "AVGUDTRecv", pszFunc, strText};
+    return tagLine(LOG_LEVEL_ERROR, pszFunc, strText);
 }
 
 /// The same at level 5.
-inline tagLogLine DebugLine(const char* pszFunc, const std::string& strText)
+inline tagLine DebugLine(const char* pszFunc, const std::string& strText)
 {
-    return {LOG_LEVEL_DEBUG, "CmdCode", "AVGUDTRecv", pszFunc, strText};
+    return tagLine(LOG_LEVEL_DEBUG, pszFunc, strText);
+}
+
+/// All lines, in order.
+inline std::vector<tagLine> LinesOf(const CLogRecorder& log)
+{
+    const std::vector<tagLogLine> vecLines = log.Lines();
+    return std::vector<tagLine>(vecLines.begin(), vecLines.end());
 }
 
 /// The lines that one operation wrote, in order.
-inline std::vector<tagLogLine> LinesOf(const CLogRecorder& log, const std::string& strFunc)
+inline std::vector<tagLine> LinesOf(const CLogRecorder& log, const std::string& strFunc)
 {
-    std::vector<tagLogLine> vecLines;
+    std::vector<tagLine> vecLines;
     for (const tagLogLine& stLine : log.Lines())
     {
         if (stLine.strFunc == strFunc)

@@ -48,11 +48,11 @@ TEST(ClearRequest, IsRecordedUntilTheNextTurnTheLastValueWins)
     rig.m_recv.ClearRecvChn(0xFFFFFFFFFFFFFFFFull, 0xFFFFFFFF);
     EXPECT_EQ(rig.m_dwClearRequest(), 0xFFFFFFFFu);
     EXPECT_THAT(rig.m_listClearUin(), ElementsAre(7, 7, 0xFFFFFFFFFFFFFFFFull));
-    EXPECT_THAT(log.Lines(), ElementsAre(ErrorLine("ClearRecvChn", "ClearRecvChn: uin 7 IsClearAll 2"),
-                                         ErrorLine("ClearRecvChn", "ClearRecvChn: uin 0 IsClearAll 255"),
-                                         ErrorLine("ClearRecvChn", "ClearRecvChn: uin 7 IsClearAll 3"),
-                                         ErrorLine("ClearRecvChn",
-                                                   "ClearRecvChn: uin 18446744073709551615 IsClearAll -1")));
+    EXPECT_THAT(LinesOf(log), ElementsAre(ErrorLine("ClearRecvChn", "ClearRecvChn: uin 7 IsClearAll 2"),
+                                          ErrorLine("ClearRecvChn", "ClearRecvChn: uin 0 IsClearAll 255"),
+                                          ErrorLine("ClearRecvChn", "ClearRecvChn: uin 7 IsClearAll 3"),
+                                          ErrorLine("ClearRecvChn",
+                                                    "ClearRecvChn: uin 18446744073709551615 IsClearAll -1")));
 }
 
 TEST(ClearRequest, OfAccountZeroQueuesNobody)
@@ -259,7 +259,7 @@ TEST(ClearOne, ForAnUnknownUserOrStreamDoesNothingAndSaysNothing)
     CLogRecorder log;
     rig.Deliver();
     EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 2)));
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(LinesOf(log), IsEmpty());
 }
 
 TEST(ClearOne, HappensAfterTheTurnsPacketsWereHandled)

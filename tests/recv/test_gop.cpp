@@ -73,7 +73,7 @@ TEST(GopFirst, AnIFrameBeginsTheFirstGop)
     EXPECT_EQ(t.m_stStream.stStatInfo.dwFirstIFrmRecvTime, 32u); // across the wrap
     EXPECT_EQ(stPacket.cIsOutOfOrderSeq, 0);
     EXPECT_EQ(t.m_rig.m_LogPrintFlag(), 5u); // not a change of GOP
-    EXPECT_THAT(log.Lines(),
+    EXPECT_THAT(LinesOf(log),
                 ElementsAre(ErrorLine("CalcVidGopInfo", "FirstIFrmRecv: time 32 cur 16 chn_start -2")));
 }
 
@@ -88,7 +88,7 @@ TEST(GopFirst, AnyOtherFrameBeginsNone)
         EXPECT_EQ(t.m_stStream.dwVidPreGopIdx, 200u);
         EXPECT_EQ(t.m_stStream.dwVidGopCnt, 0u);
         EXPECT_EQ(t.m_stStream.stStatInfo.dwFirstIFrmRecvTime, 0u);
-        EXPECT_THAT(log.Lines(),
+        EXPECT_THAT(LinesOf(log),
                     ElementsAre(ErrorLine("CalcVidGopInfo",
                                           "First pkg isn't I frame, ft " + std::to_string((int)cFrmType) +
                                               " gIdx 200 fIdx  3 pIdx  7 seq -2147483648")));
@@ -163,7 +163,7 @@ TEST(GopOrder, ALateIFrameBeginsTheFirstGopOfAStreamThatHasNone)
     EXPECT_EQ(t.m_stStream.stStatInfo.dwFirstIFrmRecvTime, 300u);
     EXPECT_EQ(t.m_stStream.dwPrePkgSeq, 10u);
     EXPECT_EQ(t.m_stStream.dwVidPreGopIdx, 4u);
-    EXPECT_THAT(log.Lines(),
+    EXPECT_THAT(LinesOf(log),
                 ElementsAre(ErrorLine("CalcVidGopInfo",
                                       "FirstIFrmRecv: out of order, time 300 cur 1300 chn_start 900")));
 
@@ -210,7 +210,7 @@ TEST(GopChange, TheThirdGopAfterAnIFrameAsksForAFreshBand)
     log.Forget();
     t.Track(3, P, 2); // whatever it begins with
     EXPECT_THAT(
-        log.Lines(),
+        LinesOf(log),
         ElementsAre(ErrorLine("CalcVidGopInfo", "TimelineMinReset: old-dwVidResetTimelineMin 0, GopCnt 3")));
     EXPECT_EQ(t.m_rig.User(7)->dwVidResetTimelineMin, 1u);
     t.Track(4, P, 3); // only when the count passes the push
@@ -242,7 +242,7 @@ TEST(GopChange, WithoutItsUserNothingIsAskedFor)
     t.Track(2, I, 1);
     CLogRecorder log;
     t.Track(3, I, 2);
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(LinesOf(log), IsEmpty());
     EXPECT_THAT(t.m_rig.m_mapUinDataInfo(), IsEmpty());
     EXPECT_EQ(t.m_stStream.dwVidGopCnt, 3u);
 }
@@ -311,7 +311,7 @@ TEST(FrameEnd, OfTheFirstIFrameIsToldOnce)
     log.Forget();
     t.Track(2, I, 0, 1, 2); // late
     EXPECT_EQ(t.m_stStream.dwFirstIFOutFlag, (uint32)VID_IFRM_RECV);
-    EXPECT_THAT(log.Lines(), ElementsAre(DebugLine("CalcVidGopInfo", "Recv I Frame!")));
+    EXPECT_THAT(LinesOf(log), ElementsAre(DebugLine("CalcVidGopInfo", "Recv I Frame!")));
     t.Track(4, I, 1, 0, 1);
     EXPECT_EQ(log.Count("Recv I Frame!"), 1u);
     t.m_stStream.dwFirstIFOutFlag = VID_IFRM_OUT;

@@ -281,7 +281,7 @@ TEST(RequestAnswer, ClosesItsRequestEvenAsADuplicate)
     Handle(rig, AudioPacket(7, 5));
     EXPECT_THAT(rig.Stream(7, MEAVAudio)->mapRequestSeq, ElementsAre(Key(6)));
     EXPECT_EQ(log.Count("recv_request_pkg"), 2u);
-    EXPECT_EQ(log.FirstLine("recv_request_pkg"),
+    EXPECT_EQ(tagLine(log.FirstLine("recv_request_pkg")),
               DebugLine("OnDataHandleNew", "recv_request_pkg: subtype 1 seq     4    77 Uin 7"));
 }
 

@@ -225,12 +225,12 @@ TEST(Intake, AStoppedReceiverDropsEverythingUnseen)
     rig.m_owner.m_fnOnParse = [&nParsed] { ++nParsed; };
     CLogRecorder log;
     EXPECT_EQ(rig.Feed(AudioPacket(7, 1)), TRUE); // never started
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(LinesOf(log), IsEmpty());
     rig.Start();
     rig.m_recv.Stop();
     log.Forget();
     EXPECT_EQ(rig.Feed(AudioPacket(7, 1)), TRUE);
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(LinesOf(log), IsEmpty());
     EXPECT_THAT(rig.m_listRawData(), IsEmpty());
     EXPECT_THAT(rig.m_mapUinPkgRingParam(), IsEmpty());
     EXPECT_EQ(nParsed, 0);
@@ -250,11 +250,11 @@ TEST(Intake, TheTraceTellsEverythingAboutThePacket)
     stPacket.stHead.cSubType = MEAVSubVideo;
     CLogRecorder log;
     rig.Feed(stPacket);
-    EXPECT_THAT(log.Lines(), ElementsAre(DebugLine(
-                                 "UDTReceiveNetData",
-                                 "ReceiveNetData: SubType 2 7 seq     7     9 FT 1 PkgIdx  2 TotalPkgCnt 12 "
-                                 "fecN  3 FrmIdx  4 GopIdx 250 dataTS 65553    17 METS 4000000000 tsBase "
-                                 "65536 tsSwitch 1 Uin 123456789012345")));
+    EXPECT_THAT(LinesOf(log), ElementsAre(DebugLine(
+                                  "UDTReceiveNetData",
+                                  "ReceiveNetData: SubType 2 7 seq     7     9 FT 1 PkgIdx  2 TotalPkgCnt 12 "
+                                  "fecN  3 FrmIdx  4 GopIdx 250 dataTS 65553    17 METS 4000000000 tsBase "
+                                  "65536 tsSwitch 1 Uin 123456789012345")));
 }
 
 TEST(Intake, TheTracePrintsLargeSequencesSigned)

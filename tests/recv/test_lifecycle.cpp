@@ -26,15 +26,15 @@ std::vector<bool> MetersRegistered()
     return vecRegistered;
 }
 
-const tagLogLine c_stClear = ErrorLine("Clear", "CAVGUdtRecv:: Clear.");
-const tagLogLine c_stStart = ErrorLine("Start", "CAVGUdtRecv:: thread start... ver 1911");
-const tagLogLine c_stStop = ErrorLine("Stop", "CAVGUdtRecv:: thread stop... ver 1911");
-const tagLogLine c_stRunStop = ErrorLine("Run", "CAVGUdtRecv:: run stop...");
+const tagLine c_stClear = ErrorLine("Clear", "CAVGUdtRecv:: Clear.");
+const tagLine c_stStart = ErrorLine("Start", "CAVGUdtRecv:: thread start... ver 1911");
+const tagLine c_stStop = ErrorLine("Stop", "CAVGUdtRecv:: thread stop... ver 1911");
+const tagLine c_stRunStop = ErrorLine("Run", "CAVGUdtRecv:: run stop...");
 
 // The lines of the lifecycle alone, in order; the end report stands between them.
-std::vector<tagLogLine> LifeLines(const CLogRecorder& log)
+std::vector<tagLine> LifeLines(const CLogRecorder& log)
 {
-    std::vector<tagLogLine> vecLines;
+    std::vector<tagLine> vecLines;
     for (const tagLogLine& stLine : log.Lines())
     {
         if (stLine.strFunc == "Clear" || stLine.strFunc == "Start" || stLine.strFunc == "Stop" ||
@@ -65,9 +65,9 @@ TEST(Lifecycle, StoppingAReceiverThatNeverRanDoesNothingAndWritesNothing)
         EXPECT_EQ(rig.m_bStop(), 1);
         EXPECT_EQ(rig.m_bEnableReGetPkg(), 0);
         EXPECT_EQ(rig.m_dwTotalLossTime(), 5u);
-        EXPECT_THAT(log.Lines(), IsEmpty());
+        EXPECT_THAT(LinesOf(log), IsEmpty());
     }
-    EXPECT_THAT(log.Lines(), IsEmpty()); // the destructor stops it once more
+    EXPECT_THAT(LinesOf(log), IsEmpty()); // the destructor stops it once more
 }
 
 TEST(Lifecycle, StartClearsTakesTheTickAndThenSaysSo)
@@ -76,7 +76,7 @@ TEST(Lifecycle, StartClearsTakesTheTickAndThenSaysSo)
     rig.Put(AudioPacket(7, 1));
     CLogRecorder log;
     rig.Start();
-    EXPECT_THAT(log.Lines(), ElementsAre(c_stClear, c_stStart));
+    EXPECT_THAT(LinesOf(log), ElementsAre(c_stClear, c_stStart));
     EXPECT_EQ(rig.m_bStop(), 0);
     EXPECT_NE(rig.m_hRecvEvent(), nullptr);
     EXPECT_EQ(rig.m_dwRecvChnStartTime(), 0x12345u); // 32 bits of the tick
@@ -108,7 +108,7 @@ TEST(Lifecycle, AnyValueButZeroMeansStopped)
     rig.m_bStop() = 2;
     CLogRecorder log;
     rig.m_recv.Stop();
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(LinesOf(log), IsEmpty());
     rig.Feed(AudioPacket(7, 1));
     EXPECT_THAT(rig.m_listRawData(), IsEmpty());
     rig.Start();
@@ -125,7 +125,7 @@ TEST(Lifecycle, StopEndsTheRunFirstAndSaysSoLast)
     CLogRecorder log;
     rig.m_recv.Stop();
     EXPECT_THAT(LifeLines(log), ElementsAre(c_stClear, c_stRunStop, c_stStop));
-    EXPECT_EQ(log.Lines().back(), c_stStop);
+    EXPECT_EQ(LinesOf(log).back(), c_stStop);
     EXPECT_EQ(rig.m_bStop(), 1);
     EXPECT_EQ(rig.m_hRecvEvent(), nullptr);
     EXPECT_THAT(rig.m_mapUinInPkt(), IsEmpty());
@@ -133,7 +133,7 @@ TEST(Lifecycle, StopEndsTheRunFirstAndSaysSoLast)
 
     log.Forget();
     rig.m_recv.Stop();
-    EXPECT_THAT(log.Lines(), IsEmpty()); // the second finds it stopped
+    EXPECT_THAT(LinesOf(log), IsEmpty()); // the second finds it stopped
 }
 
 TEST(Lifecycle, StopAllowsRequestsAgainAndForgetsTheLossCounters)
@@ -323,7 +323,7 @@ TEST(Clear, EmptiesFourContainersAndKeepsTheRest)
 
     CLogRecorder log;
     rig.Clear();
-    EXPECT_THAT(log.Lines(), ElementsAre(c_stClear));
+    EXPECT_THAT(LinesOf(log), ElementsAre(c_stClear));
     EXPECT_THAT(rig.m_listRawData(), IsEmpty());
     EXPECT_THAT(rig.m_mapUinInPkt(), IsEmpty());
     EXPECT_THAT(rig.m_mapUinPkgRingParam(), IsEmpty());

@@ -209,7 +209,7 @@ TEST(RecvParams, TheLineTellsWhatIsInForceAndWhatWasAsked)
     CLogRecorder log;
     rig.m_recv.UDTSetRecvParams(stParams);
     EXPECT_THAT(
-        log.Lines(),
+        LinesOf(log),
         ElementsAre(ErrorLine(
             "UDTSetRecvParams",
             "UDTRSetRecvParams FirstReGetTime 200 150 RequestInterval 100 50 TimelineDeltaMax 6000 400 "
@@ -295,7 +295,7 @@ TEST(RecvRtt, TheLineTellsTheNewValues)
     rig.m_recv.UDTSetRecvRTT(400);
     rig.m_recv.UDTSetRecvRTT(0xFFFFFFFF);
     EXPECT_THAT(
-        log.Lines(),
+        LinesOf(log),
         ElementsAre(
             ErrorLine("UDTSetRecvRTT",
                       "SetRecvRTT dwRTT:400 m_dwUdtlossDataRequestInterval:450 m_dwAddDelay 400"),
@@ -314,9 +314,9 @@ TEST(RoomState, AnyStateIsStoredAndTold)
     rig.m_recv.SetRoomState(3); // told again
     rig.m_recv.SetRoomState(0xFFFFFFFF);
     EXPECT_EQ(rig.m_dwRoomLogicState(), 0xFFFFFFFFu);
-    EXPECT_THAT(log.Lines(), ElementsAre(ErrorLine("SetRoomState", "UDTR SetRoomState 3"),
-                                         ErrorLine("SetRoomState", "UDTR SetRoomState 3"),
-                                         ErrorLine("SetRoomState", "UDTR SetRoomState -1")));
+    EXPECT_THAT(LinesOf(log), ElementsAre(ErrorLine("SetRoomState", "UDTR SetRoomState 3"),
+                                          ErrorLine("SetRoomState", "UDTR SetRoomState 3"),
+                                          ErrorLine("SetRoomState", "UDTR SetRoomState -1")));
 }
 
 TEST(RequestSwitch, OnlyAChangeIsStoredAndTold)
@@ -324,7 +324,7 @@ TEST(RequestSwitch, OnlyAChangeIsStoredAndTold)
     CRecvRig rig;
     CLogRecorder log;
     rig.m_recv.UDTEnableReGetPkg(1);
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(LinesOf(log), IsEmpty());
     rig.m_recv.UDTEnableReGetPkg(0);
     EXPECT_EQ(rig.m_bEnableReGetPkg(), 0);
     rig.m_recv.UDTEnableReGetPkg(0);
@@ -332,9 +332,9 @@ TEST(RequestSwitch, OnlyAChangeIsStoredAndTold)
     EXPECT_EQ(rig.m_bEnableReGetPkg(), 2);
     rig.m_recv.UDTEnableReGetPkg(1);
     EXPECT_EQ(rig.m_bEnableReGetPkg(), 1);
-    EXPECT_THAT(log.Lines(), ElementsAre(ErrorLine("UDTEnableReGetPkg", "UDTR EnableReGetPkg bEnable[0]"),
-                                         ErrorLine("UDTEnableReGetPkg", "UDTR EnableReGetPkg bEnable[2]"),
-                                         ErrorLine("UDTEnableReGetPkg", "UDTR EnableReGetPkg bEnable[1]")));
+    EXPECT_THAT(LinesOf(log), ElementsAre(ErrorLine("UDTEnableReGetPkg", "UDTR EnableReGetPkg bEnable[0]"),
+                                          ErrorLine("UDTEnableReGetPkg", "UDTR EnableReGetPkg bEnable[2]"),
+                                          ErrorLine("UDTEnableReGetPkg", "UDTR EnableReGetPkg bEnable[1]")));
 }
 
 // ---- What the worker takes over ----------------------------------------------------------------------------------------
