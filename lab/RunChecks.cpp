@@ -19,6 +19,11 @@ constexpr uint32 c_dwSurelyRemembered = 6000 - 10;
 
 bool IsBehindOrAt(uint32 dwSeq, uint32 dwOther) { return (int32)(dwSeq - dwOther) <= 0; }
 
+// Behind by the way round, yet the larger number: the end of the 32-bit numbers lies between the two. The receiver's
+// buffer is sorted by plain number, so what was still buffered when a stream's sequences began again from 0 stays
+// behind all that comes after, and leaves when that runs dry, or never.
+bool IsStranded(uint32 dwSeq, uint32 dwOther) { return IsBehindOrAt(dwSeq, dwOther) && dwSeq > dwOther; }
+
 } // namespace
 
 CRunChecks::tagStream& CRunChecks::Stream(uint32 uStream)
@@ -80,13 +85,16 @@ void CRunChecks::Released(CMediaPacket& packet)
 void CRunChecks::CheckOrder(tagStream& stStream, const CMediaPacket& packet)
 {
     const uint32 dwSeq = packet.dwSenderSeq;
-    if (stStream.ullLastTurn == m_ullTurn && IsBehindOrAt(dwSeq, stStream.dwLastInTurn))
+    if (stStream.ullLastTurn == m_ullTurn && IsBehindOrAt(dwSeq, stStream.dwLastInTurn) &&
+        !IsStranded(dwSeq, stStream.dwLastInTurn))
         PacketViolation(packet.m_uStream, dwSeq, "left after a higher sequence in the same turn");
     if (!stStream.bPlayed || !IsBehindOrAt(dwSeq, stStream.dwHighest))
     {
         stStream.bPlayed = true;
         stStream.dwHighest = dwSeq;
     }
+    else if (IsStranded(dwSeq, stStream.dwHighest))
+        stStream.st.ullStranded++;
     else if (!packet.m_bLate)
         PacketViolation(packet.m_uStream, dwSeq,
                         "left out of order, though it had come before its place was played");

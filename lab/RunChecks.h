@@ -3,7 +3,8 @@
 //  - Every packet handed in ends in exactly one way that has a name: played, skipped at the beginning,
 //    cleared, still buffered at the end, or dropped as a repeat.
 //  - What leaves a stream in one turn leaves in ascending sequence (modulo 2^32).
-//  - A packet that leaves out of order was handed in after its place had been played.
+//  - A packet that leaves out of order was handed in after its place had been played. One that was overtaken at
+//    the end of the 32-bit sequences is counted by name: the buffer is sorted by plain number.
 //  - Nothing is played twice while the receiver remembers having had it, unless playout was pulled back.
 //  - No packet object outlives the run.
 //
@@ -30,6 +31,7 @@ struct tagPacketAccount
     uint64 ullFirst = 0;    // of these, distinct sequences
     uint64 ullPlayed = 0;   // firsts given to the owner
     uint64 ullLate = 0;     // of the played, handed in after their place was played
+    uint64 ullStranded = 0; // played out of order, overtaken at the end of the 32-bit sequences
     uint64 ullSkipped = 0;  // firsts dropped at the beginning, older than the user's first video
     uint64 ullCleared = 0;  // firsts dropped because playout was pulled back or the stream was cleared
     uint64 ullLeft = 0;     // firsts still buffered when the run stopped

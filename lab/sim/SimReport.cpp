@@ -157,6 +157,12 @@ std::vector<std::string> Notes(const tagSimResult& stResult)
                                   st.ullUnknownSeqs));
     if (st.ullCopies)
         vec.push_back(fmt::format("{} copies made by the network arrived", st.ullCopies));
+    uint64 ullStranded = 0;
+    for (const tagSimStreamResult& stStream : stResult.vecStreams)
+        ullStranded += stStream.stPackets.ullStranded;
+    if (ullStranded)
+        vec.push_back(fmt::format("{} packets from before the end of the 32-bit sequences left behind those after it",
+                                  ullStranded));
     if (stResult.ullPullBacks)
         vec.push_back(fmt::format("the receiver pulled playout back {} times", stResult.ullPullBacks));
     return vec;
@@ -239,6 +245,7 @@ Json StreamJson(const tagSimResult& stResult, size_t n)
     p["distinct"] = st.stPackets.ullFirst;
     p["played"] = st.stPackets.ullPlayed;
     p["late"] = st.stPackets.ullLate;
+    p["stranded"] = st.stPackets.ullStranded;
     p["skipped_at_beginning"] = st.stPackets.ullSkipped;
     p["cleared"] = st.stPackets.ullCleared;
     p["left_in_buffer"] = st.stPackets.ullLeft;
