@@ -403,6 +403,8 @@ void CSimCall::AtReceiver(CLabRun& run, int64 llNowUs, const tagSimPacket& stPac
 {
     if (stPacket.cKind == SIM_PING)
     {
+        if (stPacket.bCopy)
+            return; // an echo that came before
         const int64 llSentUs = (int64)((uint64)stPacket.uStream << 32 | stPacket.uIndex);
         const uint32 dwRtt = (uint32)((llNowUs - llSentUs + 500) / 1000);
         m_rtt.Add(dwRtt);
