@@ -395,7 +395,7 @@ class AbiRecordDefaults : public ::testing::Test
 };
 typedef ::testing::Types<tagUDTRecvParams, tagRecvInfo, tagRecvChnStatInfo, tagUdtPacketHeadInfo>
     DenseRecords;
-TYPED_TEST_SUITE(AbiRecordDefaults, DenseRecords);
+TYPED_TEST_SUITE(AbiRecordDefaults, DenseRecords, );
 
 TYPED_TEST(AbiRecordDefaults, EveryFieldIsZeroWhateverLayThereBefore)
 {
