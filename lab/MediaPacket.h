@@ -41,6 +41,9 @@ public:
             m_pKeeper->OnPacketGone(*this);
     }
 
+    // Nobody is told of its end: whoever keeps a packet beyond its run calls this.
+    void Abandon() { m_pKeeper = nullptr; }
+
     tagUdtPacketHeadInfo Head() const
     {
         tagUdtPacketHeadInfo stHead;

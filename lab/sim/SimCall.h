@@ -69,7 +69,6 @@ private:
         uint32 dwAudioLag = 0; // release tick minus media time, of the audio released last
         CMsHistogram avOffset;
         int64 llAvSumMs = 0;
-        bool bFrame = false;
         std::array<uint32, SIM_STREAMS> aLastFrameMs{};
         std::array<bool, SIM_STREAMS> aFrame{};
     };
@@ -125,7 +124,6 @@ private:
     std::vector<tagMessage> m_vecMessages; // ring by number
     bool m_bEnded = false;
     tagSimTraffic m_stTraffic;
-    uint64 m_ullRttTold = 0;
     CMsHistogram m_rtt;
 };
 

@@ -161,8 +161,9 @@ std::vector<std::string> Notes(const tagSimResult& stResult)
     for (const tagSimStreamResult& stStream : stResult.vecStreams)
         ullStranded += stStream.stPackets.ullStranded;
     if (ullStranded)
-        vec.push_back(fmt::format("{} packets from before the end of the 32-bit sequences left behind those after it",
-                                  ullStranded));
+        vec.push_back(
+            fmt::format("{} packets from before the end of the 32-bit sequences left behind those after it",
+                        ullStranded));
     if (stResult.ullPullBacks)
         vec.push_back(fmt::format("the receiver pulled playout back {} times", stResult.ullPullBacks));
     return vec;
