@@ -83,13 +83,16 @@ void CLabRun::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
     CMediaPacket& packet = static_cast<CMediaPacket&>(*pPacket); // nothing else was ever fed
     m_checks.Released(packet);
     *pnDelay = m_observer.OnReleased(packet, (uint32)m_clock.Tick());
+    m_playout.Released(*m_pRecv, packet, (uint32)m_clock.Tick(), *pnDelay);
 }
 
 int CLabRun::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uint32, uint32)
 {
-    if (wType == AVGUdtRecvPacketEvent_LossRequest)
-        m_observer.OnLossRequest(reinterpret_cast<const tagReplyData*>(pBuffer), nBufSize,
-                                 (uint32)m_clock.Tick());
+    if (wType != AVGUdtRecvPacketEvent_LossRequest)
+        return 0;
+    const tagReplyData* pReply = reinterpret_cast<const tagReplyData*>(pBuffer);
+    m_playout.Requested(*m_pRecv, pReply, nBufSize, (uint32)m_clock.Tick());
+    m_observer.OnLossRequest(pReply, nBufSize, (uint32)m_clock.Tick());
     return 0;
 }
 

@@ -5,6 +5,7 @@
 #include "AVGUDTRecv.h"
 #include "LogTap.h"
 #include "MediaPacket.h"
+#include "PlayoutChecks.h"
 #include "RunChecks.h"
 #include "VirtualClock.h"
 
@@ -64,6 +65,7 @@ public:
     uint32 TickAt(int64 llTimeUs) const { return (uint32)(m_ullStartTick + (uint64)(llTimeUs / 1000)); }
     uint32 MsSinceStart(uint32 dwTick) const { return dwTick - (uint32)m_ullStartTick; }
     CRunChecks& Checks() { return m_checks; }
+    CPlayoutChecks& Playout() { return m_playout; }
     CAVGUdtRecv& Receiver() { return *m_pRecv; }
 
 private:
@@ -78,6 +80,7 @@ private:
     const uint64 m_ullStartTick;
     IRunObserver& m_observer;
     CRunChecks m_checks;
+    CPlayoutChecks m_playout{[this](const std::string& strWhat) { m_checks.Report(strWhat); }};
     CVirtualClock m_clock;
     CLogTap m_tap;
     std::unique_ptr<CAVGUdtRecv> m_pRecv;

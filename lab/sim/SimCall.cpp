@@ -96,8 +96,6 @@ int64 CSimCall::JoinUs() const
 void CSimCall::Begin(CLabRun& run)
 {
     m_pRun = &run;
-    m_pPlayout = std::make_unique<CPlayoutChecks>([&run](const std::string& strWhat)
-                                                  { run.Checks().Report(strWhat); });
     const tagSimReceiver& st = m_stScenario.stReceiver;
     tagUDTRecvParams stParams;
     stParams.wUdtMode = st.bLowLatency ? 1 : 0;
@@ -420,7 +418,7 @@ void CSimCall::AtReceiver(CLabRun& run, int64 llNowUs, const tagSimPacket& stPac
 
     if ((p->wMarks & (SIM_MARK_CAME | SIM_MARK_ANSWER_CAME)) == 0)
     {
-        if (!m_pPlayout->IsDue(run.Receiver(), ullUin, cSubType, stream.m_uNumber, p->dwMediaMs))
+        if (!run.Playout().IsDue(run.Receiver(), ullUin, cSubType, stream.m_uNumber, p->dwMediaMs))
             p->wMarks |= SIM_MARK_IN_TIME;
         if (stPacket.cKind == SIM_ANSWER)
             stream.m_st.repair.Add((uint32)(llNowUs / 1000) - p->dwAskedMs);
@@ -458,7 +456,6 @@ void CSimCall::AtReceiver(CLabRun& run, int64 llNowUs, const tagSimPacket& stPac
 int CSimCall::OnReleased(CMediaPacket& packet, uint32 dwTick)
 {
     const int nPlayDelay = (int)m_stScenario.stReceiver.uPlayDelayMs;
-    m_pPlayout->Released(m_pRun->Receiver(), packet, dwTick, nPlayDelay);
     CSimStream& stream = Stream(packet.m_uStream);
     const uint32 uIndex = (uint32)packet.uCustomId;
     const uint32 dwMediaMs = packet.Head().uTimeStamp;
@@ -494,7 +491,6 @@ void CSimCall::MeasureAvOffset(tagUser& stUser, const CSimStream& stream, uint32
 
 void CSimCall::OnLossRequest(const tagReplyData* pReply, uint32 uCount, uint32 dwTick)
 {
-    m_pPlayout->Requested(m_pRun->Receiver(), pReply, uCount, dwTick);
     const uint32 dwNowMs = m_pRun->MsSinceStart(dwTick);
     const uint32 uRecords = m_stScenario.stRelay.uRecords;
     for (uint32 i = 0; i < uCount;)
@@ -570,8 +566,8 @@ void CSimCall::Gather(tagSimResult& stResult)
     stResult.stTraffic = m_stTraffic;
     stResult.rtt = m_rtt;
     stResult.ullPullBacks = m_pRun->Checks().PullBacks();
-    stResult.ullScanRequests = m_pPlayout->ScanRequests();
-    stResult.ullImmediateRequests = m_pPlayout->ImmediateRequests();
+    stResult.ullScanRequests = m_pRun->Playout().ScanRequests();
+    stResult.ullImmediateRequests = m_pRun->Playout().ImmediateRequests();
 }
 
 } // namespace lab

@@ -3,7 +3,6 @@
 #define LAB_SIMCALL_H
 
 #include "LabRun.h"
-#include "PlayoutChecks.h"
 #include "RunLoop.h"
 #include "SimNet.h"
 #include "SimScenario.h"
@@ -98,7 +97,6 @@ private:
     const tagScenario& m_stScenario;
     const tagSimHooks& m_stHooks;
     CLabRun* m_pRun = nullptr;
-    std::unique_ptr<CPlayoutChecks> m_pPlayout;
 
     std::vector<std::unique_ptr<CSimStream>> m_vecStreams;
     std::vector<tagUser> m_vecUsers;
