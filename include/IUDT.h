@@ -170,11 +170,16 @@ public:
      * Stops the worker: it finishes its turn, writes the end report and clears the buffers. Takes at least
      * 200 ms, during which the worker may still call the owner; afterwards it no longer does. Does nothing on
      * a stopped receiver. Called from inside one of the worker's own callbacks it returns without waiting:
-     * the worker ends after its turn, and the next `Start`, `Stop` or the destructor waits for it.
+     * the worker ends after its turn, and the next `Start`, `Stop` or the destructor waits for it. An owner-driven
+     * receiver ends its run on the caller's thread and waits for nothing; while a turn is being made, that turn's
+     * thread ends the run after it.
      */
     virtual void Stop() = 0;
 
-    /** Clears the buffers and starts the worker. Does nothing on a running receiver. */
+    /**
+     * Clears the buffers and starts the worker. Does nothing on a running receiver. Inside the very turn that a
+     * callback has just stopped it is ignored, with a log line: that worker cannot wait for itself.
+     */
     virtual void Start() = 0;
 
     /** Tells the measured round-trip time in ms; it moves the interval between loss requests. */

@@ -103,16 +103,12 @@ void CAVGUdtRecv::Stop()
     }
     xpevent_signal(m_hRecvEvent);
 
-    if (IsOwnerDriven() ? m_bInTurn != FALSE : IsWorkerThread() != FALSE)
+    if (IsOwnerDriven())
     {
-        // Called back by our own turn: its walks are still open, so the end of the run waits for its end.
-        m_bStoppedInTurn = TRUE;
+        m_bStoppedInTurn.Exchange(TRUE);
+        FinishStop();
     }
-    else if (IsOwnerDriven())
-    {
-        EndRun();
-    }
-    else
+    else if (!IsWorkerThread())
     {
         xp_msleep(c_dwStopGraceMs);
         CAVGThreadModel::StopThread();
@@ -138,15 +134,39 @@ void CAVGUdtRecv::Run()
 
 void CAVGUdtRecv::RunTurn()
 {
-    m_bInTurn = TRUE;
-    GuardedStep(&CAVGUdtRecv::Deliver, "Deliver");
-    GuardedStep(&CAVGUdtRecv::OutPacket, "OutPacket");
-    GuardedStep(&CAVGUdtRecv::CheckTimeOutNew, "CheckTimeOutNew");
-    GuardedStep(&CAVGUdtRecv::CalcStatInfo, "CalcStatInfo");
-    m_bInTurn = FALSE;
+    if (!BeginTurn())
+        return;
+    {
+        // Closed again whatever a callback lets out.
+        struct tagOpenTurn
+        {
+            CAVGUdtRecv& recv;
+            ~tagOpenTurn() { recv.EndTurn(); }
+        } stOpenTurn{*this};
 
-    if (IsOwnerDriven() && m_bStoppedInTurn)
+        GuardedStep(&CAVGUdtRecv::Deliver, "Deliver");
+        GuardedStep(&CAVGUdtRecv::OutPacket, "OutPacket");
+        GuardedStep(&CAVGUdtRecv::CheckTimeOutNew, "CheckTimeOutNew");
+        GuardedStep(&CAVGUdtRecv::CalcStatInfo, "CalcStatInfo");
+    }
+    if (IsOwnerDriven())
+        FinishStop();
+}
+
+// A turn is made once at a time: a callback that asks for another one would pull the streams from under the
+// walk it was called from. The exchange writes even when it finds a turn open, so that the one who closes that
+// turn sees what was stored before (FinishStop).
+bool CAVGUdtRecv::BeginTurn() { return m_bInTurn.Exchange(TRUE) == FALSE; }
+void CAVGUdtRecv::EndTurn() { m_bInTurn.Exchange(FALSE); }
+
+// Owner-driven: writes the end of a stopped run, unless a turn is open; then that turn's thread does, after it.
+void CAVGUdtRecv::FinishStop()
+{
+    if (m_bStoppedInTurn == FALSE || !BeginTurn())
+        return;
+    if (m_bStoppedInTurn.Exchange(FALSE) != FALSE)
         EndRun();
+    EndTurn();
 }
 
 // Memory that runs out costs this step, not the owner's process.
@@ -167,19 +187,21 @@ void CAVGUdtRecv::EndRun()
 {
     PrintStatInfo();
     Clear();
-    if (m_bStoppedInTurn)
-    {
-        // The turn went on after Stop had reset these.
-        ResetStopCounters();
-        m_bStoppedInTurn = FALSE;
-    }
+    // Once more: a turn that was stopped from inside itself went on after Stop had reset these.
+    ResetStopCounters();
     RECV_LOG(LOG_LEVEL_ERROR, "Run", "CAVGUdtRecv:: run stop...");
+}
+
+// Is the caller, as far as can be told, called back by this receiver's own turn?
+bool CAVGUdtRecv::IsInsideTurn() const
+{
+    return IsOwnerDriven() ? m_bInTurn != FALSE : IsWorkerThread() != FALSE;
 }
 
 // Waits for a worker that was stopped from inside its turn. False: this is that turn.
 bool CAVGUdtRecv::AwaitWorker()
 {
-    if (IsOwnerDriven() ? m_bInTurn != FALSE : IsWorkerThread() != FALSE)
+    if (IsInsideTurn())
         return false;
     CAVGThreadModel::StopThread();
     return true;
@@ -403,7 +425,7 @@ void CAVGUdtRecv::ApplyClearRequest()
         m_listClearUin.clear();
     }
     m_listClearedData.clear();
-    m_mapClearedStreams.clear();
+    m_listClearedStreams.clear();
 }
 
 // Caller holds m_paramlock.
@@ -478,12 +500,13 @@ MapUinInPkt::iterator CAVGUdtRecv::InsertStream(const tagInPktKey& stKey, const 
     return m_mapUinInPkt.emplace(stKey, stUinDataBuf).first;
 }
 
-// Takes a stream out of the map and keeps it until m_mapClearedStreams is emptied, with no lock held.
+// Takes a stream out of the map and keeps it until m_listClearedStreams is emptied, with no lock held.
 MapUinInPkt::iterator CAVGUdtRecv::EraseStream(MapUinInPkt::iterator itStream)
 {
+    m_listClearedStreams.emplace_back();
     const MapUinInPkt::iterator itNext = std::next(itStream);
     CXPAutoLock lock(m_lockStreams);
-    m_mapClearedStreams.insert(m_mapUinInPkt.extract(itStream));
+    m_listClearedStreams.back() = m_mapUinInPkt.extract(itStream);
     return itNext;
 }
 

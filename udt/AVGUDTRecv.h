@@ -59,7 +59,8 @@ public:
 
     /**
      * One worker turn: take the intake, release what is due, ask for what is missing, count. An owner-driven
-     * receiver is stepped with it, by one thread at a time; otherwise the worker calls it and nobody else.
+     * receiver is stepped with it, by one thread at a time; otherwise the worker calls it and nobody else. A call
+     * from inside a callback, or while another thread makes a turn, does nothing.
      */
     void RunTurn();
 
@@ -84,6 +85,10 @@ private:
     void InitSpeed();
     void UninitSpeed();
     void EndRun();
+    bool BeginTurn();
+    void EndTurn();
+    void FinishStop();
+    bool IsInsideTurn() const;
     bool AwaitWorker();
     void ResetStopCounters();
     void GuardedStep(void (CAVGUdtRecv::*pfnStep)(), const char* pszOper);
@@ -227,13 +232,13 @@ private:
     // The worker holds this while it inserts or erases streams and users, the getters while they look them up.
     // Innermost of all locks.
     CXPLock m_lockStreams;
-    // Streams and packets taken out under m_paramlock, destroyed once it is free: the last reference to a
-    // packet runs code of its maker.
-    MapUinInPkt m_mapClearedStreams;            // [W]
-    std::list<tagDataPacket> m_listClearedData; // [W]
-    const tagDataPacket* m_pstReleasing;        // [W] lent to the owner right now
-    shared_boolean m_bInTurn;                   // [F] 1: inside RunTurn
-    shared_boolean m_bStoppedInTurn;            // [F] 1: Stop was called from inside the turn
+    // Streams and packets taken out under a lock, destroyed once it is free: the last reference to a packet runs
+    // code of its maker.
+    std::list<MapUinInPkt::node_type> m_listClearedStreams; // [W]
+    std::list<tagDataPacket> m_listClearedData;             // [W]
+    const tagDataPacket* m_pstReleasing;                    // [W] lent to the owner right now
+    shared_boolean m_bInTurn;                               // [F] 1: inside RunTurn
+    shared_boolean m_bStoppedInTurn; // [F] 1: stopped, and the end of the run is still to be written
 };
 
 #endif // AVGUDTRECV_H

@@ -149,7 +149,7 @@ void CAVGUdtRecv::Housekeep(uint32 dwNow)
         const bool bSilent = TickPassed(dwNow, stUinDataBuf.dwLastRecvPackTime, c_dwClearUinTimeOut);
         it = bSilent && stUinDataBuf.mapUdtPacket.empty() ? ExpireStream(it) : std::next(it);
     }
-    m_mapClearedStreams.clear();
+    m_listClearedStreams.clear();
 }
 
 // Adds one stream's interval to the receiver-wide counters. In the first two passes of a receiver's life a

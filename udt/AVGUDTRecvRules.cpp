@@ -5,8 +5,8 @@
 namespace
 {
 
-// The 16-bit transport clock in thirds: a fall from above the high mark to below the low one is a wrap, and
-// a value well inside the middle says that the wrap lies behind us.
+// Marks on the 16-bit transport clock: a fall from the high mark or above to below the low one is a wrap, and a
+// value between the two marks says that the wrap lies behind us.
 constexpr uint32 c_dwRingSpan = 65536;
 constexpr uint16 c_wRingLowBelow = 10000; // a wrap lands below
 constexpr uint16 c_wRingMiddleFirst = 10001;

@@ -40,8 +40,8 @@ inline uint32 WithChange(uint32 dwFlags, emParamChange eByte)
 
 // ---- Intake --------------------------------------------------------------------------------------------
 
-/// Unwraps the 16-bit transport timestamp. A wrap is a fall from the last quarter to the first; for a while
-/// after it late packets from before are taken against the old base.
+/// Unwraps the 16-bit transport timestamp. A wrap is a fall from 50001 or above to below 10000; until a value
+/// between the two is seen, late packets from before the wrap are taken against the old base.
 uint32 UnwrapTimeStamp(tagPkgRingParam& stPkgRingParam, uint16 wTimeStamp);
 
 // ---- Transit band --------------------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -139,7 +140,20 @@ struct tagLogLine
     std::string strFile;
     std::string strFunc;
     std::string strText;
+
+    bool operator==(const tagLogLine& stOther) const
+    {
+        return eLevel == stOther.eLevel && strTag == stOther.strTag && strFile == stOther.strFile &&
+               strFunc == stOther.strFunc && strText == stOther.strText;
+    }
 };
+
+/// How test failures show a line.
+inline void PrintTo(const tagLogLine& stLine, std::ostream* pStream)
+{
+    *pStream << stLine.eLevel << ' ' << stLine.strTag << ' ' << stLine.strFile << ' ' << stLine.strFunc
+             << ": " << stLine.strText;
+}
 
 /// While one exists, it keeps every line up to its level. Any thread may write.
 class CLogRecorder
