@@ -17,6 +17,36 @@ namespace lab
 namespace
 {
 
+// When a sequence was first asked for, over the last few thousand that were.
+class CFirstAsked
+{
+public:
+    void Put(uint32 dwSeq, int64 llMs)
+    {
+        if (m_vecPlaces.empty())
+            m_vecPlaces.resize(c_uPlaces);
+        m_vecPlaces[dwSeq % c_uPlaces] = {dwSeq, llMs, true};
+    }
+    bool Find(uint32 dwSeq, int64& llMs) const
+    {
+        if (m_vecPlaces.empty())
+            return false;
+        const tagPlace& stPlace = m_vecPlaces[dwSeq % c_uPlaces];
+        llMs = stPlace.llMs;
+        return stPlace.bSet && stPlace.dwSeq == dwSeq;
+    }
+
+private:
+    static constexpr uint32 c_uPlaces = 4096;
+    struct tagPlace
+    {
+        uint32 dwSeq = 0;
+        int64 llMs = 0;
+        bool bSet = false;
+    };
+    std::vector<tagPlace> m_vecPlaces;
+};
+
 // Counts what a run tells, per stream and user.
 class CReplayCounts : public IRunObserver
 {
@@ -58,7 +88,24 @@ public:
         return (int)m_stOptions.uPlayDelayMs;
     }
 
-    void OnLossRequest(const tagReplyData* pReply, uint32 uCount, uint32) override
+    // The capture's own receiver asked for packets, too.
+    void OnNack(const tagRtpEvent& stEvent)
+    {
+        if (stEvent.nStream < 0)
+            return;
+        tagStream& stStream = Stream((uint32)stEvent.nStream);
+        const int64 llNowMs = ((int64)stEvent.ullArrivalUs - (int64)m_ullStartUs) / 1000;
+        for (const uint32 dwSeq : stEvent.vecSendSeq)
+        {
+            if (stStream.nacked.Insert(dwSeq) == CSeqWindow::ESeen::Again)
+                continue;
+            stStream.st.ullNackedPackets++;
+            stStream.nackedFirst.Put(dwSeq, llNowMs);
+            NoteBoth(stStream, dwSeq);
+        }
+    }
+
+    void OnLossRequest(const tagReplyData* pReply, uint32 uCount, uint32 dwTick) override
     {
         for (uint32 i = 0; i < uCount; i++)
         {
@@ -67,8 +114,11 @@ public:
                 continue;
             tagStream& stStream = Stream(it->second);
             stStream.st.ullAsked++;
-            if (stStream.asked.Insert(pReply[i].dwUserSeq) != CSeqWindow::ESeen::Again)
-                stStream.st.ullAskedPackets++;
+            if (stStream.asked.Insert(pReply[i].dwUserSeq) == CSeqWindow::ESeen::Again)
+                continue;
+            stStream.st.ullAskedPackets++;
+            stStream.askedFirst.Put(pReply[i].dwUserSeq, m_pRun->MsSinceStart(dwTick));
+            NoteBoth(stStream, pReply[i].dwUserSeq);
         }
     }
 
@@ -93,6 +143,9 @@ private:
         tagStreamResult st;
         CSeqWindow asked;
         CSeqWindow came;
+        CSeqWindow nacked;
+        CFirstAsked askedFirst;
+        CFirstAsked nackedFirst;
         uint32 dwLastFrameTs = 0;
         bool bFrame = false;
     };
@@ -109,6 +162,17 @@ private:
         if (uStream >= m_vecStreams.size())
             m_vecStreams.resize(uStream + 1);
         return m_vecStreams[uStream];
+    }
+
+    // Called at either side's first request for a sequence: the second of the two finds the other.
+    static void NoteBoth(tagStream& stStream, uint32 dwSeq)
+    {
+        int64 llOurs = 0;
+        int64 llTheirs = 0;
+        if (!stStream.askedFirst.Find(dwSeq, llOurs) || !stStream.nackedFirst.Find(dwSeq, llTheirs))
+            return;
+        stStream.st.ullAskedByBoth++;
+        stStream.st.llLeadSumMs += llTheirs - llOurs;
     }
 
     void MeasureAvOffset(tagStream& stStream, const CMediaPacket& packet, uint32 dwTick)
@@ -281,6 +345,13 @@ tagReplayResult RunReplay(const tagReplayOptions& stOptions)
         counts.SetStartUs(source.StartUs());
         source.OnFeed([&counts](const tagRtpMedia&, const CMediaPacket& packet, int64 llTimeUs)
                       { counts.OnFed(packet, llTimeUs); });
+
+        source.OnEvent(
+            [&counts](const tagRtpEvent& stEvent)
+            {
+                if (stEvent.eType == RTP_EVENT_NACK)
+                    counts.OnNack(stEvent);
+            });
 
         tagLoopOptions stLoop;
         stLoop.dSpeed = stOptions.dSpeed;

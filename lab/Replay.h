@@ -39,9 +39,12 @@ struct tagStreamResult
     uint32 dwFirstArrivalMs = 0; // run time
     uint32 dwFirstOutMs = 0;
     uint32 dwLastOutMs = 0;
-    uint64 ullAsked = 0;        // sequences in the receiver's loss requests, repeats included
-    uint64 ullAskedPackets = 0; // distinct sequences of these
-    uint64 ullAskedCame = 0;    // of these, packets that came after they were asked for
+    uint64 ullAsked = 0;         // sequences in the receiver's loss requests, repeats included
+    uint64 ullAskedPackets = 0;  // distinct sequences of these
+    uint64 ullAskedCame = 0;     // of these, packets that came after they were asked for
+    uint64 ullNackedPackets = 0; // distinct sequences that the capture's own receiver asked for (RTCP NACK)
+    uint64 ullAskedByBoth = 0;   // asked for by it and by ours
+    int64 llLeadSumMs = 0;       // over these: its first request less our first; positive: ours was earlier
 };
 
 // How far apart a user's picture and sound were released.

@@ -104,9 +104,9 @@ void PlayedTable(std::string& str, const tagReplayResult& stResult, const tagPai
     str += paint.Head(
         fmt::format("{:{}}  {:>23}  {:>8}\n", "", c_nNameWidth + 50, "playout delay, ms", "first"));
     str += paint.Head(fmt::format(
-        "{:>3}  {:<{}}  {:<5}  {:>8}  {:>5}  {:>7}  {:>7}  {:>5}  {:>5} {:>5} {:>5} {:>5}  {:>8}  {:>6}\n",
-        "#", "played from", c_nNameWidth, "media", "played", "late", "skipped", "cleared", "left", "min",
-        "med", "p95", "max", "out s", "asked"));
+        "{:>3}  {:<{}}  {:<5}  {:>8}  {:>5}  {:>7}  {:>7}  {:>5}  {:>5} {:>5} {:>5} {:>5}  {:>8}\n", "#",
+        "played from", c_nNameWidth, "media", "played", "late", "skipped", "cleared", "left", "min", "med",
+        "p95", "max", "out s"));
     for (size_t i = 0; i < stResult.vecStreams.size(); i++)
     {
         const tagStreamResult& st = stResult.vecStreams[i];
@@ -117,12 +117,12 @@ void PlayedTable(std::string& str, const tagReplayResult& stResult, const tagPai
         if (st.delay.Count())
             strDelay = fmt::format("{:>5} {:>5} {:>5} {:>5}", st.delay.Min(), st.delay.Quantile(0.5),
                                    st.delay.Quantile(0.95), st.delay.Max());
-        str += fmt::format(
-            "{:>3}  {:<{}}  {:<5}  {:>8}  {}  {}  {}  {}  {}  {:>8}  {:>6}\n", i,
-            Printable(StreamUser(st.stInfo), c_nNameWidth), c_nNameWidth, KindName(st.stInfo.stFormat.eKind),
-            stPackets.ullPlayed, paint.Count(stPackets.ullLate, 5), paint.Count(stPackets.ullSkipped, 7),
-            paint.Count(stPackets.ullCleared, 7), paint.Count(stPackets.ullLeft, 5), strDelay,
-            st.bPlayed ? fmt::format("{:.3f}", st.dwFirstOutMs / 1000.0) : "-", st.ullAskedPackets);
+        str += fmt::format("{:>3}  {:<{}}  {:<5}  {:>8}  {}  {}  {}  {}  {}  {:>8}\n", i,
+                           Printable(StreamUser(st.stInfo), c_nNameWidth), c_nNameWidth,
+                           KindName(st.stInfo.stFormat.eKind), stPackets.ullPlayed,
+                           paint.Count(stPackets.ullLate, 5), paint.Count(stPackets.ullSkipped, 7),
+                           paint.Count(stPackets.ullCleared, 7), paint.Count(stPackets.ullLeft, 5), strDelay,
+                           st.bPlayed ? fmt::format("{:.3f}", st.dwFirstOutMs / 1000.0) : "-");
     }
 }
 
@@ -146,6 +146,33 @@ void UserTable(std::string& str, const tagReplayResult& stResult, const tagPaint
                         Printable(stUser.strName, c_nNameWidth), c_nNameWidth + 2, stUser.avOffset.Count(),
                         (double)stUser.llAvSumMs / (double)stUser.avOffset.Count(),
                         stUser.avOffset.Quantile(0.5), stUser.avOffset.Quantile(0.95), stUser.avOffset.Max());
+    }
+}
+
+// What our receiver asked for, what the capture answers, and what the receiver of that time asked for.
+void RequestTable(std::string& str, const tagReplayResult& stResult, const tagPaint& paint)
+{
+    bool bAny = false;
+    for (const tagStreamResult& st : stResult.vecStreams)
+        bAny = bAny || st.ullAskedPackets != 0 || st.ullNackedPackets != 0;
+    if (!bAny)
+        return;
+    str += "\n";
+    str += paint.Head(fmt::format("{:>3}  {:<{}}  {:<5}  {:>8}  {:>8}  {:>5}  {:>7}  {:>5}  {:>12}\n", "#",
+                                  "loss requests of", c_nNameWidth, "media", "asked", "requests", "came",
+                                  "NACKed", "both", "ours earlier"));
+    for (size_t i = 0; i < stResult.vecStreams.size(); i++)
+    {
+        const tagStreamResult& st = stResult.vecStreams[i];
+        if (st.ullAskedPackets == 0 && st.ullNackedPackets == 0)
+            continue;
+        const std::string strLead =
+            st.ullAskedByBoth ? fmt::format("{:+.0f} ms", (double)st.llLeadSumMs / (double)st.ullAskedByBoth)
+                              : "-";
+        str += fmt::format("{:>3}  {:<{}}  {:<5}  {:>8}  {:>8}  {:>5}  {:>7}  {:>5}  {:>12}\n", i,
+                           Printable(StreamUser(st.stInfo), c_nNameWidth), c_nNameWidth,
+                           KindName(st.stInfo.stFormat.eKind), st.ullAskedPackets, st.ullAsked,
+                           st.ullAskedCame, st.ullNackedPackets, st.ullAskedByBoth, strLead);
     }
 }
 
@@ -269,6 +296,12 @@ nlohmann::ordered_json StreamJson(size_t n, const tagStreamResult& st)
     r["sequences"] = st.ullAsked;
     r["packets"] = st.ullAskedPackets;
     r["came"] = st.ullAskedCame;
+    r["capture_packets"] = st.ullNackedPackets;
+    r["both"] = st.ullAskedByBoth;
+    r["mean_lead_ms"] =
+        st.ullAskedByBoth
+            ? nlohmann::ordered_json(Rounded((double)st.llLeadSumMs / (double)st.ullAskedByBoth))
+            : nlohmann::ordered_json();
     return j;
 }
 
@@ -297,6 +330,7 @@ std::string ReplayTable(const tagReplayResult& stResult, bool bColours)
     CaptureTable(str, stResult, paint);
     str += "\n";
     PlayedTable(str, stResult, paint);
+    RequestTable(str, stResult, paint);
     UserTable(str, stResult, paint);
 
     const std::vector<std::string> vecNotes = Notes(stResult);

@@ -377,6 +377,39 @@ TEST(Replay, TheSampleInTheManualIsWhatItPrints)
     EXPECT_NE(strManual.find(strWant), std::string::npos) << "docs/replay.md should show:\n" << strWant;
 }
 
+// The NACKs of the bundled call: 79 distinct packets of the audio and 54 of the video, counted from the capture
+// by another program. What both receivers asked for can be no more than either did.
+TEST(Replay, OurLossRequestsStandBesideThoseInTheCapture)
+{
+    const tagReplayResult st = RunReplay(Options(Bundled("h264-opus-rtx-lab-31s.pcapng")));
+    ASSERT_GE(st.vecStreams.size(), 2u);
+    EXPECT_EQ(st.vecStreams[0].ullNackedPackets, 79u);
+    EXPECT_EQ(st.vecStreams[1].ullNackedPackets, 54u);
+    for (const auto& stStream : {st.vecStreams[0], st.vecStreams[1]})
+    {
+        EXPECT_GT(stStream.ullAskedByBoth, 0u);
+        EXPECT_LE(stStream.ullAskedByBoth, stStream.ullAskedPackets);
+        EXPECT_LE(stStream.ullAskedByBoth, stStream.ullNackedPackets);
+        EXPECT_LE(stStream.ullAskedCame, stStream.ullAskedPackets);
+        EXPECT_GE(stStream.ullAsked, stStream.ullAskedPackets);
+        // Both saw the same losses at the same time: half a second apart would be another clock.
+        EXPECT_LT(std::abs(stStream.llLeadSumMs), 500 * (int64)stStream.ullAskedByBoth);
+    }
+}
+
+TEST(Replay, ACaptureWithoutFeedbackHasNothingToCompareWith)
+{
+    CHandCall call;
+    call.Packets(0, 50);
+    call.Packets(55, 200);
+    const tagReplayResult st = call.Play();
+    ASSERT_EQ(st.vecStreams.size(), 1u);
+    EXPECT_EQ(st.vecStreams[0].ullAskedPackets, 5u);
+    EXPECT_EQ(st.vecStreams[0].ullAskedCame, 0u);
+    EXPECT_EQ(st.vecStreams[0].ullNackedPackets, 0u);
+    EXPECT_EQ(st.vecStreams[0].ullAskedByBoth, 0u);
+}
+
 TEST(Replay, LogLinesCarryVirtualTime)
 {
     CHandCall call;
