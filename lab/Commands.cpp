@@ -55,6 +55,7 @@ void AddReplay(CLI::App& app, tagReplayArgs& args)
     p->add_option("--speed", args.st.dSpeed, "play at N times real time instead of as fast as possible")
         ->check(CLI::Range(0.001, 1000000.0))
         ->type_name("N");
+    p->add_flag("--end-report", args.st.bEndReport, "end with the receiver's own end report");
     p->add_option("--map", args.vecMaps,
                   "what a payload type means: PT=codec/clock, or PT=rtx:APT; may be given again")
         ->allow_extra_args(false)
@@ -157,8 +158,8 @@ int Main(int argc, char** argv)
             return app.exit(e);
         // A word that is no command is reported as if nothing had been asked for.
         if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty())
-            return Complain(
-                fmt::format("\"{}\" is not a command (expected: replay or simulate)", Printable(argv[1], 40)));
+            return Complain(fmt::format("\"{}\" is not a command (expected: replay or simulate)",
+                                        Printable(argv[1], 40)));
         return Complain(e.what());
     }
     catch (const std::exception& e)

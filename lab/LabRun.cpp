@@ -12,6 +12,8 @@ CLabRun::CLabRun(const tagRunOptions& stOptions, IRunObserver& observer)
           [this, nLevel = stOptions.nLogLevel](UDT_LOG_LEVEL eLevel, const char* pszFunc, const char* pszText)
           {
               m_checks.LogLine(pszText);
+              if (strcmp(pszFunc, "PrintStatInfo") == 0)
+                  m_vecEndReport.push_back(pszText);
               if ((int)eLevel <= nLevel)
                   m_observer.OnLogLine(eLevel, pszFunc, pszText, MsSinceStart((uint32)m_clock.Tick()));
           }),

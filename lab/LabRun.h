@@ -11,6 +11,8 @@
 
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace lab
 {
@@ -67,6 +69,8 @@ public:
     CRunChecks& Checks() { return m_checks; }
     CPlayoutChecks& Playout() { return m_playout; }
     CAVGUdtRecv& Receiver() { return *m_pRecv; }
+    // After Stop: the receiver's own report, line by line.
+    const std::vector<std::string>& EndReport() const { return m_vecEndReport; }
 
 private:
     // IUDTRecvEventCallBack
@@ -81,6 +85,7 @@ private:
     IRunObserver& m_observer;
     CRunChecks m_checks;
     CPlayoutChecks m_playout{[this](const std::string& strWhat) { m_checks.Report(strWhat); }};
+    std::vector<std::string> m_vecEndReport;
     CVirtualClock m_clock;
     CLogTap m_tap;
     std::unique_ptr<CAVGUdtRecv> m_pRecv;

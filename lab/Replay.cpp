@@ -366,6 +366,7 @@ tagReplayResult RunReplay(const tagReplayOptions& stOptions)
         stResult.dwDurationMs = (uint32)(source.LastUs() / 1000);
         stResult.ullPullBacks = run.Checks().PullBacks();
         GatherStreams(intake, run, counts, stResult);
+        stResult.vecEndReport = run.EndReport();
         stResult.ullBroken = run.Checks().Broken();
         stResult.vecViolations = run.Checks().Violations();
         CheckNothingGotLostBefore(stResult);

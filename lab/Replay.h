@@ -26,6 +26,7 @@ struct tagReplayOptions
     std::map<uint8, tagRtpFormat> mapFormats;
     std::function<void(const std::string& strLine)> fnLog;
     bool bProgress = false;
+    bool bEndReport = false; // show the receiver's own end report
 };
 
 // What became of one stream. Times are milliseconds, "run time" counts from the first media packet's arrival.
@@ -77,6 +78,7 @@ struct tagReplayResult
     bool bPlayed = false;                    // there was something to play
     std::string strInputError;               // one line; what came before it was played
     std::string strOutputError;              // one line
+    std::vector<std::string> vecEndReport;   // the receiver's own, line by line
     uint64 ullBroken = 0;                    // broken checks
     std::vector<std::string> vecViolations;
 

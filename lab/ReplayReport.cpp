@@ -339,6 +339,12 @@ std::string ReplayTable(const tagReplayResult& stResult, bool bColours)
     for (const std::string& strNote : vecNotes)
         str += "note: " + strNote + "\n";
 
+    if (stResult.stOptions.bEndReport)
+    {
+        str += "\n";
+        for (const std::string& strLine : stResult.vecEndReport)
+            str += strLine + "\n";
+    }
     str += "\n";
     if (stResult.ullBroken == 0)
         str += paint.Good("checks: all held") + "\n";
@@ -398,6 +404,8 @@ nlohmann::ordered_json ReplayJson(const tagReplayResult& stResult)
         j["users"].push_back(u);
     }
     j["pull_backs"] = stResult.ullPullBacks;
+    if (stResult.stOptions.bEndReport)
+        j["end_report"] = stResult.vecEndReport;
     j["checks"] = {
         {"ok", stResult.ullBroken == 0}, {"broken", stResult.ullBroken}, {"lines", stResult.vecViolations}};
     return j;

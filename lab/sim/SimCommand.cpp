@@ -132,6 +132,7 @@ struct CSimCommand::tagArgs
     int nLogLevel = 0;
     bool bSpeed = false;
     bool bStreams = false;
+    bool bEndReport = false;
     bool bPrint = false;
 
     void Add(CLI::App& app, const std::string& strName, const std::string& strPath, const tagShort& st,
@@ -158,6 +159,7 @@ CSimCommand::CSimCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs>())
     sub.add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
         ->type_name("FILE");
     sub.add_flag("--streams", args.bStreams, "the tables per stream also for a large room");
+    sub.add_flag("--end-report", args.bEndReport, "end with the receiver's own end report");
     sub.add_flag("--speed", args.bSpeed,
                  "put speed and memory into the JSON too; they differ from run to run");
     sub.add_option("--log-level", args.nLogLevel,
@@ -299,11 +301,15 @@ int CSimCommand::Run()
         const bool bColours = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
         const bool bStreams = args.bStreams || stResult.vecStreams.size() <= c_nManyStreams;
         fmt::print("{}", SimTable(stResult, bStreams, bColours));
+        if (args.bEndReport)
+            fmt::print("\n{}\n", fmt::join(stResult.vecEndReport, "\n"));
         fflush(stdout);
     }
     if (!args.strJson.empty())
     {
         nlohmann::ordered_json jOut = SimJson(stResult);
+        if (args.bEndReport)
+            jOut["end_report"] = stResult.vecEndReport;
         if (args.bSpeed)
             jOut["speed"] = SimSpeedJson(stResult);
         if (!WriteText(args.strJson,

@@ -29,6 +29,7 @@ tagSimResult RunSimulation(const tagScenario& stScenario, const tagSimHooks& stH
         stResult.dwRunMs = (uint32)(RunLoop(run, call, stLoop) / 1000);
 
         call.Gather(stResult);
+        stResult.vecEndReport = run.EndReport();
         stResult.ullBroken = run.Checks().Broken();
         stResult.vecViolations = run.Checks().Violations();
     }

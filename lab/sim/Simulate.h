@@ -69,7 +69,8 @@ struct tagSimResult
     uint64 ullPullBacks = 0;
     uint64 ullScanRequests = 0;
     uint64 ullImmediateRequests = 0;
-    uint32 dwRunMs = 0; // virtual, to the last turn
+    uint32 dwRunMs = 0;                    // virtual, to the last turn
+    std::vector<std::string> vecEndReport; // the receiver's own, line by line
     uint64 ullBroken = 0;
     std::vector<std::string> vecViolations;
 

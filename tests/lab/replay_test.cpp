@@ -410,6 +410,25 @@ TEST(Replay, ACaptureWithoutFeedbackHasNothingToCompareWith)
     EXPECT_EQ(st.vecStreams[0].ullAskedByBoth, 0u);
 }
 
+TEST(Replay, TheReceiversOwnEndReportIsKeptAndShownOnRequest)
+{
+    CHandCall call;
+    call.Packets(0, 100);
+    tagReplayOptions stOptions;
+    tagReplayResult st = call.Play(stOptions);
+    ASSERT_EQ(st.vecEndReport.size(), 3u + 5u + 1u); // head, one stream, end
+    EXPECT_EQ(st.vecEndReport.front(), "--------- UdtRecvEndStatInfo ---------");
+    EXPECT_EQ(st.vecEndReport[7], "  PkgInfo: TotalRecv 100 TotalLoss 0 TotalReqFail 0");
+    EXPECT_EQ(st.vecEndReport.back(), "--------- end ---------");
+    EXPECT_EQ(ReplayTable(st, false).find("UdtRecvEndStatInfo"), std::string::npos);
+    EXPECT_FALSE(ReplayJson(st).contains("end_report"));
+
+    stOptions.bEndReport = true;
+    st = call.Play(stOptions);
+    EXPECT_NE(ReplayTable(st, false).find("--------- end ---------\n"), std::string::npos);
+    EXPECT_EQ(ReplayJson(st)["end_report"].size(), 9u);
+}
+
 TEST(Replay, LogLinesCarryVirtualTime)
 {
     CHandCall call;
