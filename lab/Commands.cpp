@@ -1,5 +1,7 @@
 #include "Commands.h"
 
+#include "Files.h"
+#include "MatrixCommand.h"
 #include "Replay.h"
 #include "ReplayReport.h"
 #include "SimCommand.h"
@@ -19,8 +21,6 @@ namespace lab
 
 namespace
 {
-
-constexpr int c_nExitBad = 2;
 
 struct tagReplayArgs
 {
@@ -63,27 +63,12 @@ void AddReplay(CLI::App& app, tagReplayArgs& args)
         ->type_name("PT=CODEC/CLOCK");
 }
 
-int Complain(const std::string& strLine)
-{
-    fmt::print(stderr, "udtlab: {}\n", strLine);
-    return c_nExitBad;
-}
-
 bool WriteJson(const std::string& strPath, const tagReplayResult& stResult, std::string& strError)
 {
     // A CNAME is whatever bytes the peer sent: what is not UTF-8 is replaced.
     const std::string strText =
         ReplayJson(stResult).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    FILE* pFile = strPath == "-" ? stdout : fopen(strPath.c_str(), "wb");
-    bool bOk = pFile != nullptr;
-    if (bOk)
-        bOk = fwrite(strText.data(), 1, strText.size(), pFile) == strText.size() && fflush(pFile) == 0;
-    const int nError = errno;
-    if (pFile && pFile != stdout)
-        fclose(pFile);
-    if (!bOk)
-        strError = fmt::format("{}: cannot be written: {}", strPath, strerror(nError));
-    return bOk;
+    return WriteText(strPath, strText, strError);
 }
 
 // An output that would overwrite an input is a slip of the hand that costs the input.
@@ -144,6 +129,7 @@ int Main(int argc, char** argv)
     tagReplayArgs replay;
     AddReplay(app, replay);
     CSimCommand simulate(app);
+    CMatrixCommand matrix(app);
     try
     {
         app.parse(argc, argv);
@@ -151,6 +137,8 @@ int Main(int argc, char** argv)
             return Replay(replay);
         if (app.got_subcommand("simulate"))
             return simulate.Run();
+        if (app.got_subcommand("matrix"))
+            return matrix.Run();
     }
     catch (const CLI::ParseError& e)
     {
@@ -158,7 +146,7 @@ int Main(int argc, char** argv)
             return app.exit(e);
         // A word that is no command is reported as if nothing had been asked for.
         if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty())
-            return Complain(fmt::format("\"{}\" is not a command (expected: replay or simulate)",
+            return Complain(fmt::format("\"{}\" is not a command (expected: replay, simulate or matrix)",
                                         Printable(argv[1], 40)));
         return Complain(e.what());
     }

@@ -18,6 +18,18 @@ void CMsHistogram::Add(uint32_t uMs)
     m_uMax = std::max(m_uMax, uMs);
 }
 
+void CMsHistogram::Merge(const CMsHistogram& other)
+{
+    if (other.m_vecCounts.size() > m_vecCounts.size())
+        m_vecCounts.resize(other.m_vecCounts.size());
+    for (size_t i = 0; i < other.m_vecCounts.size(); i++)
+        m_vecCounts[i] += other.m_vecCounts[i];
+    m_ullCount += other.m_ullCount;
+    m_ullSum += other.m_ullSum;
+    m_uMin = std::min(m_uMin, other.m_uMin);
+    m_uMax = std::max(m_uMax, other.m_uMax);
+}
+
 uint32_t CMsHistogram::Quantile(double dShare) const
 {
     if (m_ullCount == 0)

@@ -16,6 +16,7 @@ public:
     static constexpr uint32_t c_uLimit = 60000;
 
     void Add(uint32_t uMs);
+    void Merge(const CMsHistogram& other);
     uint64_t Count() const { return m_ullCount; }
     uint32_t Min() const { return m_ullCount ? m_uMin : 0; }
     uint32_t Max() const { return m_uMax; }

@@ -3,6 +3,7 @@
 
 #include "SimCommand.h"
 
+#include "Files.h"
 #include "Progress.h"
 #include "SimReport.h"
 #include "Simulate.h"
@@ -23,28 +24,7 @@ namespace lab
 namespace
 {
 
-constexpr int c_nExitBad = 2;
 constexpr size_t c_nManyStreams = 24; // beyond this the tables are per user unless asked otherwise
-
-int Complain(const std::string& strLine)
-{
-    fmt::print(stderr, "udtlab: {}\n", strLine);
-    return c_nExitBad;
-}
-
-bool WriteText(const std::string& strPath, const std::string& strText, std::string& strError)
-{
-    FILE* pFile = strPath == "-" ? stdout : fopen(strPath.c_str(), "wb");
-    bool bOk = pFile != nullptr;
-    if (bOk)
-        bOk = fwrite(strText.data(), 1, strText.size(), pFile) == strText.size() && fflush(pFile) == 0;
-    const int nError = errno;
-    if (pFile && pFile != stdout)
-        fclose(pFile);
-    if (!bOk)
-        strError = fmt::format("{}: cannot be written: {}", strPath, strerror(nError));
-    return bOk;
-}
 
 // "5%" is 5 where percents are meant; traces on the command line are relative to where one stands, not to the
 // scenario.
@@ -200,8 +180,7 @@ bool CSimCommand::tagArgs::MakeScenario(tagScenario& stScenario, nlohmann::order
     {
         if (!ReadScenarioFile(strScenario, j, strError))
             return false;
-        const size_t nSlash = strScenario.rfind('/');
-        strFolder = nSlash == std::string::npos ? "" : strScenario.substr(0, nSlash);
+        strFolder = FolderOf(strScenario);
     }
     const auto Set = [&](const std::string& strPath, const std::string& strValue)
     {
