@@ -18,19 +18,27 @@ function(udt_test_program NAME)
   target_compile_features(${NAME} PRIVATE cxx_std_17)
   target_link_libraries(${NAME} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
   udt_strict(${NAME})
+  # Tests are compiled far longer than they run, above all under sanitizers. What they test keeps its own flags.
+  if(UDT_SANITIZE)
+    target_compile_options(${NAME} PRIVATE -O0)
+  else()
+    target_compile_options(${NAME} PRIVATE $<$<CONFIG:Release>:-O1>)
+  endif()
   gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
   add_dependencies(udt_tests ${NAME})
 endfunction()
 
-# Test suites named Threaded... start real threads; the thread sanitizer runs these and no others. This
-# keeps, of a list of sources, the files with such a suite and the files without any suite (helpers);
-# nothing where no file has one.
+# The thread sanitizer runs the test files that start threads, and no others. This keeps of a list of
+# sources: the files that make threads or have a suite named Threaded..., and the files without any suite
+# (helpers of the others); nothing where no file starts a thread.
 function(udt_threaded_sources OUT)
   set(THREADED)
   set(HELPERS)
   foreach(SOURCE ${ARGN})
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${SOURCE})
     file(STRINGS ${SOURCE} SUITES REGEX "^(TYPED_)?TEST(_F|_P)?\\(")
-    if(SUITES MATCHES "\\(Threaded")
+    file(STRINGS ${SOURCE} THREADS REGEX "^[^/]*(std::thread|std::async|StartThread)")
+    if(SUITES AND (THREADS OR SUITES MATCHES "\\(Threaded"))
       list(APPEND THREADED ${SOURCE})
     elseif(NOT SUITES)
       list(APPEND HELPERS ${SOURCE})
