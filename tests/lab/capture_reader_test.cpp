@@ -62,6 +62,8 @@ struct tagLinkCase
     bool bIpv6;
 };
 
+void PrintTo(const tagLinkCase& st, std::ostream* pOut) { *pOut << st.pszName; }
+
 class LinkType : public testing::TestWithParam<tagLinkCase>
 {
 };

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <ostream>
 #include <set>
 
 #include "CaptureReader.h"
@@ -31,6 +32,8 @@ struct tagCapture
     const char* pszFile;
     std::vector<tagWant> vecStreams;
 };
+
+void PrintTo(const tagCapture& stCapture, std::ostream* pOut) { *pOut << stCapture.pszFile; }
 
 const std::vector<tagCapture> c_vecCaptures = {
     {"amr-lte-duplicates.pcap",
