@@ -51,9 +51,9 @@ tagMediaSum SumUp(const tagSimResult& stResult, bool bAudio)
 std::string Columns(const char* pszMedia)
 {
     std::string str;
-    for (const char* pszName :
-         {"sent", "lost", "asked", "in_time", "late", "unrecovered", "in_time_percent", "request_entries",
-          "requests_per_lost", "wasted_entries", "delay_median_ms", "delay_p95_ms", "longest_stall_ms"})
+    for (const char* pszName : {"sent", "lost", "asked", "in_time", "late", "unrecovered", "in_time_percent",
+                                "request_entries", "requests_per_lost", "wasted_entries", "wasted_percent",
+                                "delay_median_ms", "delay_p95_ms", "longest_stall_ms"})
         str += fmt::format(",{}_{}", pszMedia, pszName);
     return str;
 }
@@ -67,10 +67,11 @@ std::string Ratio(uint64 ullOf, uint64 ullAll, double dScale)
 std::string Fields(const tagMediaSum& stSum)
 {
     const tagSimStreamCounts& st = stSum.st;
-    return fmt::format(",{},{},{},{},{},{},{},{},{},{},{},{},{}", st.ullSent, st.ullLost, st.ullAsked,
+    return fmt::format(",{},{},{},{},{},{},{},{},{},{},{},{},{},{}", st.ullSent, st.ullLost, st.ullAsked,
                        st.ullInTime, st.ullRecoveredLate, st.ullUnrecovered,
                        Ratio(st.ullInTime, st.ullLost, 100), st.ullAskedSeqs,
-                       Ratio(st.ullAskedLostSeqs, st.ullLost, 1), st.ullWastedSeqs, stSum.delay.Quantile(0.5),
+                       Ratio(st.ullAskedLostSeqs, st.ullLost, 1), st.ullWastedSeqs,
+                       Ratio(st.ullWastedSeqs, st.ullAskedSeqs, 100), stSum.delay.Quantile(0.5),
                        stSum.delay.Quantile(0.95), st.dwLongestStallMs);
 }
 
@@ -340,6 +341,16 @@ std::string MatrixTable(const std::string& strCsv)
         str += "  " + Field("checks") + "\n";
     }
     return str;
+}
+
+std::vector<size_t> BrokenCells(const std::string& strCsv)
+{
+    std::vector<size_t> vecCells;
+    for (const std::string& strRow : Split(strCsv, '\n'))
+        if (const size_t nComma = strRow.rfind(',');
+            nComma != std::string::npos && strRow.substr(nComma) == ",broken")
+            vecCells.push_back((size_t)strtoull(strRow.c_str(), nullptr, 10));
+    return vecCells;
 }
 
 bool MergeMatrix(const std::vector<std::string>& vecFiles, std::string& strCsv, std::string& strError)

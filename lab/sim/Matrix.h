@@ -63,6 +63,9 @@ std::string MatrixCsv(const tagMatrix& stMatrix, const std::vector<tagMatrixRow>
 // The same for people.
 std::string MatrixTable(const std::string& strCsv);
 
+// The cells in which a check of the receiver's behaviour was broken.
+std::vector<size_t> BrokenCells(const std::string& strCsv);
+
 // Puts the CSVs of all shards of one grid together. False with a one-line reason that names the file: another
 // grid, a cell twice, a cell missing.
 bool MergeMatrix(const std::vector<std::string>& vecFiles, std::string& strCsv, std::string& strError);

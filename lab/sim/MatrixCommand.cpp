@@ -117,9 +117,16 @@ int CMatrixCommand::tagArgs::Merge() const
         return Complain(strError);
     if (strCsv != "-")
         fmt::print("{}", MatrixTable(strAll));
+    // The shards' own exit codes are often lost in a batch engine: the merge tells again.
+    int nExit = 0;
+    for (const size_t uCell : BrokenCells(strAll))
+    {
+        nExit = 3;
+        fmt::print(stderr, "udtlab: cell {}: a check of the receiver's behaviour was broken\n", uCell);
+    }
     if (!strCsv.empty() && !WriteText(strCsv, strAll, strError))
-        return Complain(strError);
-    return 0;
+        nExit = std::max(nExit, Complain(strError));
+    return nExit;
 }
 
 int CMatrixCommand::Run()

@@ -8,6 +8,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <set>
 
@@ -159,6 +162,34 @@ TEST(Matrix, ShardsThatDoNotFitTogetherAreNamed)
     st.ullSeed = 7;
     EXPECT_THAT(MergeError({str1, WriteCsv(dir, "seed7.csv", Csv(st, 2, 2, 2))}),
                 HasSubstr("seed7.csv: line 1: another grid"));
+}
+
+// A batch engine may lose the exit code of a shard; the merge used to report such a grid as done.
+TEST(Matrix, ABrokenCellIsToldAgainByTheMerge)
+{
+    const CTempDir dir;
+    std::string strCsv = Csv(SmallGrid(), 1, 1, 2);
+    EXPECT_TRUE(BrokenCells(strCsv).empty());
+    const std::string strMerge = "'" UDT_LAB_PROGRAM "' matrix --csv " + dir.Path("merged.csv") + " --merge ";
+    const auto Run = [&](const std::string& strFile)
+    {
+        const int nStatus = system((strMerge + strFile + " >/dev/null 2>" + dir.Path("err")).c_str());
+        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+    };
+    EXPECT_EQ(Run(WriteCsv(dir, "good.csv", strCsv)), 0);
+
+    const size_t nRow = strCsv.find("\n4,");
+    ASSERT_NE(nRow, std::string::npos);
+    const size_t nOk = strCsv.find(",ok\n", nRow);
+    ASSERT_NE(nOk, std::string::npos);
+    strCsv.replace(nOk, 3, ",broken");
+    EXPECT_THAT(BrokenCells(strCsv), ElementsAre(4u));
+    EXPECT_EQ(Run(WriteCsv(dir, "bad.csv", strCsv)), 3);
+    const Bytes err = ReadFile(dir.Path("err"));
+    EXPECT_EQ(std::string(err.begin(), err.end()),
+              "udtlab: cell 4: a check of the receiver's behaviour was broken\n");
+    const Bytes merged = ReadFile(dir.Path("merged.csv"));
+    EXPECT_EQ(std::string(merged.begin(), merged.end()), strCsv);
 }
 
 TEST(Matrix, ACellThatIsNoCallIsAnErrorBeforeAnythingRuns)
