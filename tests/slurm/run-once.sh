@@ -10,19 +10,26 @@ udtlab=$(realpath "${1:?the udtlab program}")
 script=$(realpath "$(dirname "${BASH_SOURCE[0]}")/../../docs/slurm-matrix.sh")
 grid="--loss 1,5,10 --rtt 20,100 --users 2 --seconds 30"
 
-if ! command -v slurmctld >/dev/null || ! command -v slurmd >/dev/null || ! command -v munged >/dev/null
+missing=()
+command -v slurmctld >/dev/null || missing+=(slurmctld)
+command -v slurmd >/dev/null || missing+=(slurmd)
+command -v munged >/dev/null || missing+=(munge)
+if [ "${#missing[@]}" != 0 ]
 then
     DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends slurm-wlm munge >/dev/null
+    # A package just installed may have started its service, which nobody asked for. One that was here before is
+    # somebody's and stays: ours has sockets, ports and keys of its own.
+    for service in "${missing[@]}"; do service "$service" stop >/dev/null 2>&1 || true; done
 fi
-# What the packages started by themselves is not ours to use.
-for service in slurmctld slurmd munge; do service "$service" stop >/dev/null 2>&1 || true; done
 
 work=$(mktemp -d)
 chmod 755 "$work"
 node=$(hostname -s)
 pids=()
+job=
 clean_up()
 {
+    if [ -n "$job" ]; then scancel "$job" 2>/dev/null || true; fi
     for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
     rm -rf "$work"
@@ -38,10 +45,26 @@ runuser -u munge -- munged --foreground --key-file="$work/munge/key" --socket="$
 pids+=($!)
 
 mkdir -p "$work/state" "$work/spool" "$work/jobs"
+# Two ports that nobody listens on.
+free_ports()
+{
+    local port found=()
+    for port in $(shuf -i 20000-29999 -n 50)
+    do
+        if ! (: <"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then found+=("$port"); fi
+        if [ "${#found[@]}" = 2 ]; then break; fi
+    done
+    echo "${found[@]}"
+}
+read -r controller_port node_port <<<"$(free_ports)"
+
 cat >"$work/slurm.conf" <<END
 ClusterName=udtlab
 SlurmctldHost=$node(127.0.0.1)
 SlurmUser=root
+SlurmctldPort=$controller_port
+SlurmdPort=$node_port
+CommunicationParameters=NoCtldInAddrAny,NoInAddrAny
 AuthType=auth/munge
 AuthInfo=socket=$work/munge/socket
 CredType=cred/munge
@@ -84,6 +107,11 @@ do
     [ -n "$(squeue -h -j "$job" 2>/dev/null)" ] || break
     sleep 0.2
 done
+if [ -n "$(squeue -h -j "$job" 2>/dev/null)" ]
+then
+    echo "the job array has not ended in a minute" >&2
+    exit 1
+fi
 scontrol show job "$job" | grep -E 'ArrayTaskId=|JobState=|RunTime=' | sed 's/  */ /g'
 
 # shellcheck disable=SC2086  # a list of words
