@@ -1,0 +1,531 @@
+/**
+ * How the receiver lives: construction, start, turns, stop; the owner's settings; the clearing of streams.
+ *
+ * The control thread starts, stops and sets; the worker runs the turns and carries out what the setters and
+ * clear requests left for it. Nothing here looks into a stream's packets.
+ */
+
+#include "PlainRecv.h"
+
+#include "PlainRecvInner.h"
+#include "PlainRecvRules.h"
+#include "UDTInsideParam.h"
+
+#include <algorithm>
+#include <new>
+#include <unistd.h>
+#include <utility>
+
+namespace plain
+{
+
+namespace
+{
+
+constexpr int c_nVersion = 1911;          // written to the start and stop lines
+constexpr uint32 c_dwStopGraceMs = 200;   // for the worker to finish its turn
+constexpr uint32 c_dwTurnSleepUs = 10000; // between turns
+constexpr uint32 c_dwSpeedFactor = 10;    // smoothing of the rate meters
+
+constexpr uint32 c_dwDefaultCalcTimer = 2000;     // ms
+constexpr uint32 c_dwDefaultTimelineDelta = 1000; // ms
+constexpr uint32 c_dwDefaultOutputDelay = 200;    // ms
+constexpr uint32 c_dwDefaultMinDelay = 500;       // ms
+constexpr uint32 c_dwLeastFirstGetTime = 200;     // ms
+constexpr uint32 c_dwLeastNextGetTime = 100;      // ms
+constexpr uint32 c_dwRttMargin = 50;              // ms over the round-trip time before a request repeats
+constexpr uint32 c_dwLeastRttInterval = 200;      // ms
+
+// The three meters in use: places in m_pSpeed are types counted from TOTAL_RECV_SPEED.
+constexpr int SpeedIndex(emSpeedType eType) { return (int)eType - (int)TOTAL_RECV_SPEED; }
+
+constexpr emSpeedType c_eSpeeds[] = {TOTAL_RECV_SPEED, TOTAL_AUDIO_RECV_SPEED, TOTAL_VIDEO_RECV_SPEED};
+constexpr emSpeedType c_eSpeedsUndone[] = {TOTAL_RECV_SPEED, TOTAL_VIDEO_RECV_SPEED, TOTAL_AUDIO_RECV_SPEED};
+
+} // namespace
+
+// ---- Lifecycle -------------------------------------------------------------------------------------------
+
+CAVGUdtRecv::CAVGUdtRecv(IUDTRecvEventCallBack* pCB)
+    : m_pCB(pCB), m_bStop(1), m_hRecvEvent(nullptr), m_dwRecvChnStartTime(0), m_dwLastCheckPkgTimeoutTime(0),
+      m_dwUdtlossDataRequestInterval(c_dwUdtlossDataRequestInterval),
+      m_dwUdtFirstReGetTime(c_dwDefaultFirstGetTime), m_dwLastCheckPkgRqFailTime(0),
+      m_dwTimelineDeltaMax(c_dwTimelineDeltaMax), m_dwRTT(0), m_dwAddDelay(0), m_dwLastCheckTimeout(0),
+      m_dwExpectRecvPkgNum(0), m_dwRealRecvPkgNum(0), m_dwTotalLossTime(0), m_dwCalcLossCnt(0),
+      m_bEnableReGetPkg(1), m_dwLastCalcRecvLoss(0), m_dwLoss100(0), m_dwTotalNum(0), m_dwRealNum(0),
+      m_dwAvgLossMode(0), m_dwDownLoss100(0), m_dwCalcTimer(c_dwDefaultCalcTimer),
+      m_dwTimelineDelta(c_dwDefaultTimelineDelta), m_dwUdtRecvMode(0),
+      m_dwOutputDelay(c_dwDefaultOutputDelay), m_dwUdtParamsChanged(0), m_dwClearRequest(0),
+      m_dwRoomLogicState(0), m_dwCheckLossParamTime(0), m_dwLossParamSetFlag(0), m_dwPacketRecvCnt(0),
+      m_dwBytesRecvCnt(0), m_pSpeed(), m_dwSeqFirstRecv(0), m_dwSeqLastRecv(0), m_dwMaxLossRate(0),
+      m_dwMinLossRate(c_dwNone32), m_dwCurLossRate(0), m_dwLossRateAccNum(0), m_dwLossRateAccCnt(0),
+      m_dwServPushGopNum(c_dwServerPushGopNum), m_dwMinDelayFromServ(c_dwDefaultMinDelay),
+      m_dwIFrmPkgLostInfo(0), m_dwPushStmDone(0), m_dwAVSyncAdjSwitch(1), m_LogPrintFlag(0),
+      m_dwOutDelayDone(0), m_dwChnClearNum(0), m_dwUinNum(0), m_dwMultiUinAVSync(0), m_dwLogPrintTimer(0),
+      m_dwLastPrintTick(0), m_pstReleasing(nullptr), m_bInTurn(FALSE), m_bStoppedInTurn(FALSE)
+{
+}
+
+CAVGUdtRecv::~CAVGUdtRecv()
+{
+    Stop();
+    m_pCB = nullptr;
+}
+
+void CAVGUdtRecv::Start()
+{
+    if (m_bStop == 0)
+        return;
+    if (!AwaitWorker())
+    {
+        RECV_LOG(LOG_LEVEL_ERROR, "Start", "CAVGUdtRecv:: start from inside the stopping turn is ignored");
+        return;
+    }
+
+    Clear();
+    m_bStoppedInTurn = FALSE;
+    m_hRecvEvent = xpevent_create(0, 0);
+    m_bStop = 0;
+
+    const uint32 dwNow = TickNow();
+    m_dwLastCalcRecvLoss = dwNow;
+    m_dwRecvChnStartTime = dwNow;
+
+    InitSpeed();
+    CAVGThreadModel::StartThread();
+    RECV_LOG(LOG_LEVEL_ERROR, "Start", "CAVGUdtRecv:: thread start... ver %d", c_nVersion);
+}
+
+void CAVGUdtRecv::Stop()
+{
+    if (m_bStop.Exchange(1) != 0)
+    {
+        // A worker stopped from inside its own callback may still be on its way out.
+        AwaitWorker();
+        return;
+    }
+    xpevent_signal(m_hRecvEvent);
+
+    if (IsOwnerDriven())
+    {
+        m_bStoppedInTurn.Exchange(TRUE);
+        FinishStop();
+    }
+    else if (!IsWorkerThread())
+    {
+        xp_msleep(c_dwStopGraceMs);
+        CAVGThreadModel::StopThread();
+    }
+
+    xpevent_destory(m_hRecvEvent);
+    m_hRecvEvent = nullptr;
+    UninitSpeed();
+    ResetStopCounters();
+    m_bEnableReGetPkg = 1;
+    RECV_LOG(LOG_LEVEL_ERROR, "Stop", "CAVGUdtRecv:: thread stop... ver %d", c_nVersion);
+}
+
+void CAVGUdtRecv::Run()
+{
+    while (m_bStop == 0)
+    {
+        RunTurn();
+        usleep(c_dwTurnSleepUs);
+    }
+    EndRun();
+}
+
+void CAVGUdtRecv::RunTurn()
+{
+    if (!BeginTurn())
+        return;
+    {
+        // Closed again whatever a callback lets out.
+        struct tagOpenTurn
+        {
+            CAVGUdtRecv& recv;
+            ~tagOpenTurn() { recv.EndTurn(); }
+        } stOpenTurn{*this};
+
+        GuardedStep(&CAVGUdtRecv::Deliver, "Deliver");
+        GuardedStep(&CAVGUdtRecv::OutPacket, "OutPacket");
+        GuardedStep(&CAVGUdtRecv::CheckTimeOutNew, "CheckTimeOutNew");
+        GuardedStep(&CAVGUdtRecv::CalcStatInfo, "CalcStatInfo");
+    }
+    if (IsOwnerDriven())
+        FinishStop();
+}
+
+// A turn is made once at a time: a callback that asks for another one would pull the streams from under the
+// walk it was called from. The exchange writes even when it finds a turn open, so that the one who closes that
+// turn sees what was stored before (FinishStop).
+bool CAVGUdtRecv::BeginTurn() { return m_bInTurn.Exchange(TRUE) == FALSE; }
+void CAVGUdtRecv::EndTurn() { m_bInTurn.Exchange(FALSE); }
+
+// Owner-driven: writes the end of a stopped run, unless a turn is open; then that turn's thread does, after it.
+void CAVGUdtRecv::FinishStop()
+{
+    if (m_bStoppedInTurn == FALSE || !BeginTurn())
+        return;
+    if (m_bStoppedInTurn.Exchange(FALSE) != FALSE)
+        EndRun();
+    EndTurn();
+}
+
+// Memory that runs out costs this step, not the owner's process.
+void CAVGUdtRecv::GuardedStep(void (CAVGUdtRecv::*pfnStep)(), const char* pszOper)
+{
+    try
+    {
+        (this->*pfnStep)();
+    }
+    catch (const std::bad_alloc&)
+    {
+        RECV_LOG(LOG_LEVEL_FAULT, pszOper, "out of memory, the step is cut short");
+    }
+}
+
+// What follows the last turn.
+void CAVGUdtRecv::EndRun()
+{
+    PrintStatInfo();
+    Clear();
+    // Once more: a turn that was stopped from inside itself went on after Stop had reset these.
+    ResetStopCounters();
+    RECV_LOG(LOG_LEVEL_ERROR, "Run", "CAVGUdtRecv:: run stop...");
+}
+
+// Is the caller, as far as can be told, called back by this receiver's own turn?
+bool CAVGUdtRecv::IsInsideTurn() const
+{
+    return IsOwnerDriven() ? m_bInTurn != FALSE : IsWorkerThread() != FALSE;
+}
+
+// Waits for a worker that was stopped from inside its turn. False: this is that turn.
+bool CAVGUdtRecv::AwaitWorker()
+{
+    if (IsInsideTurn())
+        return false;
+    CAVGThreadModel::StopThread();
+    return true;
+}
+
+void CAVGUdtRecv::ResetStopCounters()
+{
+    m_dwLastCheckTimeout = 0;
+    m_dwExpectRecvPkgNum = 0;
+    m_dwRealRecvPkgNum = 0;
+    m_dwTotalLossTime = 0;
+}
+
+void CAVGUdtRecv::Clear()
+{
+    // Swapped out under the locks, destroyed after them: dropping the last reference to a packet runs its
+    // maker's code, which may well call in here.
+    std::list<tagDataPacket> listRawData;
+    MapUinInPkt mapUinInPkt;
+    MapUinPkgRingParam mapUinPkgRingParam;
+    MapUinDataInfo mapUinDataInfo;
+    {
+        CXPAutoLock lock(m_dataLock);
+        listRawData.swap(m_listRawData);
+        mapUinPkgRingParam.swap(m_mapUinPkgRingParam);
+        CXPAutoLock lockStreams(m_lockStreams);
+        mapUinDataInfo.swap(m_mapUinDataInfo);
+        mapUinInPkt.swap(m_mapUinInPkt);
+    }
+    listRawData.clear();
+    mapUinInPkt.clear();
+    RECV_LOG(LOG_LEVEL_ERROR, "Clear", "CAVGUdtRecv:: Clear.");
+}
+
+void CAVGUdtRecv::InitSpeed()
+{
+    CUDTInsideParam* pParam = CUDTInsideParam::GetInstance();
+    for (emSpeedType eType : c_eSpeeds)
+    {
+        CXPAutoLock lock(m_lockRevcLoss);
+        CAVGSpeed*& pSpeed = m_pSpeed[SpeedIndex(eType)];
+        if (pSpeed == nullptr)
+            pSpeed = new (std::nothrow) CAVGSpeed(c_dwSpeedFactor);
+    }
+    if (pParam == nullptr)
+        return;
+    for (emSpeedType eType : c_eSpeeds)
+        pParam->SetSpeed(m_pSpeed[SpeedIndex(eType)], eType);
+}
+
+void CAVGUdtRecv::UninitSpeed()
+{
+    // Unregister first, so that the process-wide readers never see a freed meter.
+    if (CUDTInsideParam* pParam = CUDTInsideParam::GetInstance())
+    {
+        for (emSpeedType eType : c_eSpeeds)
+            pParam->SetSpeed(nullptr, eType);
+    }
+    for (emSpeedType eType : c_eSpeedsUndone)
+    {
+        CAVGSpeed* pSpeed = nullptr;
+        {
+            // Network threads feed the meters under this lock.
+            CXPAutoLock lock(m_lockRevcLoss);
+            std::swap(pSpeed, m_pSpeed[SpeedIndex(eType)]);
+        }
+        delete pSpeed;
+    }
+}
+
+// ---- Settings ----------------------------------------------------------------------------------------------
+
+void CAVGUdtRecv::UDTSetRecvParams(const tagUDTRecvParams& params)
+{
+    // Each field is judged against what the ones before it have just set.
+    if (params.wFirstGetTime != 0)
+        m_dwUdtFirstReGetTime = std::max<uint32>(params.wFirstGetTime, c_dwLeastFirstGetTime);
+    if (params.wNextGetTime != 0)
+        m_dwUdtlossDataRequestInterval = std::max<uint32>(params.wNextGetTime, c_dwLeastNextGetTime);
+    if (params.wQueuePeriod != 0 && params.wQueuePeriod >= params.wTimelineDelta)
+        m_dwTimelineDeltaMax = params.wQueuePeriod;
+    if (params.wCalcRecvLossTime != 0)
+        m_dwCalcTimer = params.wCalcRecvLossTime;
+    if (params.wTimelineDelta != 0 && m_dwTimelineDeltaMax >= params.wTimelineDelta)
+    {
+        CXPAutoLock lock(m_paramlock);
+        if (m_dwTimelineDelta != params.wTimelineDelta)
+            m_dwUdtParamsChanged = WithChange(m_dwUdtParamsChanged, PARAM_TIMELINE_DELTA);
+        m_dwTimelineDelta = params.wTimelineDelta;
+    }
+    if (params.wOutPutDelay != m_dwOutputDelay && params.wOutPutDelay <= m_dwTimelineDelta)
+    {
+        CXPAutoLock lock(m_paramlock);
+        m_dwUdtParamsChanged = WithChange(m_dwUdtParamsChanged, PARAM_OUTPUT_DELAY);
+        m_dwOutputDelay = params.wOutPutDelay;
+    }
+    if (params.wPeriodMinDelay != 0)
+        m_dwMinDelayFromServ = params.wPeriodMinDelay;
+    if (params.wUdtMode != m_dwUdtRecvMode)
+    {
+        CXPAutoLock lock(m_paramlock);
+        m_dwUdtParamsChanged = WithChange(m_dwUdtParamsChanged, PARAM_MODE);
+        m_dwUdtRecvMode = params.wUdtMode;
+    }
+    if (params.wPushGopNum != m_dwServPushGopNum)
+        m_dwServPushGopNum = params.wPushGopNum;
+
+    // In force and asked for, pair by pair; the last pair is the asked-for value twice.
+    RECV_LOG(
+        LOG_LEVEL_ERROR, "UDTSetRecvParams",
+        "UDTRSetRecvParams FirstReGetTime %u %u RequestInterval %u %u TimelineDeltaMax %u %u TimelineDelta "
+        "%u %u RTT %d CalcTimer %u %u OutDelay %u %u MinDelay %u %u Mode %u %u PushGopN %u %u",
+        m_dwUdtFirstReGetTime.Get(), (uint32)params.wFirstGetTime, m_dwUdtlossDataRequestInterval.Get(),
+        (uint32)params.wNextGetTime, m_dwTimelineDeltaMax.Get(), (uint32)params.wQueuePeriod,
+        m_dwTimelineDelta.Get(), (uint32)params.wTimelineDelta, (int)m_dwRTT.Get(), m_dwCalcTimer.Get(),
+        (uint32)params.wCalcRecvLossTime, m_dwOutputDelay.Get(), (uint32)params.wOutPutDelay,
+        m_dwMinDelayFromServ.Get(), (uint32)params.wPeriodMinDelay, m_dwUdtRecvMode.Get(),
+        (uint32)params.wUdtMode, (uint32)params.wPushGopNum, (uint32)params.wPushGopNum);
+}
+
+void CAVGUdtRecv::UDTSetRecvRTT(uint32 dwRTT)
+{
+    m_dwRTT = dwRTT;
+
+    // The interval follows the round trip upward, and down to 200 ms but not below.
+    const uint32 dwWanted = dwRTT + c_dwRttMargin;
+    const bool bFollow = dwWanted > m_dwUdtlossDataRequestInterval || dwWanted > c_dwLeastRttInterval;
+    const uint32 dwInterval = bFollow ? dwWanted : c_dwLeastRttInterval;
+    m_dwUdtlossDataRequestInterval = dwInterval;
+
+    if (IsLowLatency())
+    {
+        m_dwAddDelay = 0;
+    }
+    else
+    {
+        const uint32 dwDelay = std::min(m_dwTimelineDeltaMax.Get(), dwRTT);
+        if (dwDelay > m_dwAddDelay)
+            m_dwAddDelay = dwDelay; // only grows
+    }
+    RECV_LOG(LOG_LEVEL_ERROR, "UDTSetRecvRTT",
+             "SetRecvRTT dwRTT:%u m_dwUdtlossDataRequestInterval:%u m_dwAddDelay %u", dwRTT, dwInterval,
+             m_dwAddDelay.Get());
+}
+
+void CAVGUdtRecv::SetRoomState(uint32 dwRoomState)
+{
+    m_dwRoomLogicState = dwRoomState;
+    RECV_LOG(LOG_LEVEL_ERROR, "SetRoomState", "UDTR SetRoomState %d", dwRoomState);
+}
+
+// Worker: tells the streams a new timeline delta.
+void CAVGUdtRecv::ApplyTimelineDelta()
+{
+    CXPAutoLock lock(m_paramlock);
+    if (!ChangeRaised(m_dwUdtParamsChanged, PARAM_TIMELINE_DELTA))
+        return;
+    for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    {
+        stStream.second.dwConfigTimelineDelta = m_dwTimelineDelta;
+        stStream.second.stStatInfo.dwConfgMinDelay = m_dwTimelineDelta;
+    }
+    m_dwUdtParamsChanged = WithoutChange(m_dwUdtParamsChanged, PARAM_TIMELINE_DELTA);
+}
+
+// Worker: a switch into low latency drops every user's backlog to the upper bound at once.
+void CAVGUdtRecv::UdtModeProcessNew()
+{
+    uint32 dwIsLowDelayMode = 0;
+    {
+        CXPAutoLock lock(m_paramlock);
+        if (!ChangeRaised(m_dwUdtParamsChanged, PARAM_MODE))
+            return;
+        dwIsLowDelayMode = m_dwUdtRecvMode;
+        m_dwUdtParamsChanged = WithoutChange(m_dwUdtParamsChanged, PARAM_MODE);
+    }
+    if ((dwIsLowDelayMode & c_dwModeLowLatency) == 0)
+        return;
+    for (MapUinDataInfo::value_type& stUser : m_mapUinDataInfo)
+    {
+        tagUinDataInfo& stInfo = stUser.second;
+        const uint32 dwDataLen = DataLenAhead(stInfo.dwTimelineIn, stInfo.dwTimelineOut);
+        if (dwDataLen > m_dwTimelineDeltaMax)
+            stInfo.dwTimelineOut = stInfo.dwTimelineIn - m_dwTimelineDeltaMax;
+    }
+}
+
+// ---- Clearing ----------------------------------------------------------------------------------------------
+
+void CAVGUdtRecv::ClearRecvChn(uint64 llAccount, uint32 dwIsClearAll)
+{
+    // The entry is made before the lock and moved in under it.
+    std::list<uint64> listUin;
+    try
+    {
+        if (llAccount != 0)
+            listUin.push_back(llAccount);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return; // nothing was recorded
+    }
+    {
+        CXPAutoLock lock(m_paramlock);
+        m_dwClearRequest = dwIsClearAll;
+        m_listClearUin.splice(m_listClearUin.end(), listUin);
+    }
+    RECV_LOG(LOG_LEVEL_ERROR, "ClearRecvChn", "ClearRecvChn: uin %llu IsClearAll %d", llAccount,
+             dwIsClearAll);
+}
+
+// Worker: carries out what was asked since the last turn.
+void CAVGUdtRecv::ApplyClearRequest()
+{
+    {
+        CXPAutoLock lock(m_paramlock);
+        if (m_dwClearRequest == 0)
+            return;
+        ClearChnParam();
+        m_dwClearRequest = 0;
+        m_listClearUin.clear();
+    }
+    m_listClearedData.clear();
+    m_listClearedStreams.clear();
+}
+
+// Caller holds m_paramlock.
+void CAVGUdtRecv::ClearChnParam()
+{
+    // Moves the arrived packets that match out of the intake list.
+    const auto takeOut = [this](auto&& match)
+    {
+        CXPAutoLock lock(m_dataLock);
+        for (auto it = m_listRawData.begin(); it != m_listRawData.end();)
+        {
+            const auto itTaken = it++;
+            if (match(*itTaken))
+                m_listClearedData.splice(m_listClearedData.end(), m_listRawData, itTaken);
+        }
+    };
+
+    if (m_dwClearRequest == c_dwClearAllButAudio)
+    {
+        takeOut([](const tagDataPacket& stPkt) { return stPkt.cSubType != MEAVAudio; });
+        for (MapUinInPkt::iterator it = m_mapUinInPkt.begin(); it != m_mapUinInPkt.end();)
+            it = it->first.cSubType != MEAVAudio ? EraseStream(it) : std::next(it);
+        return;
+    }
+    while (!m_listClearUin.empty())
+    {
+        const uint64 ullUin = m_listClearUin.front();
+
+        // Big video alone is purged from the intake, whatever sub-type is cleared. A cleared small video
+        // with packets still waiting there starts anew from them on the next turn.
+        takeOut([ullUin](const tagDataPacket& stPkt)
+                { return stPkt.llAccount == ullUin && stPkt.cSubType == MEAVMaxVideo; });
+        const MapUinInPkt::iterator it = m_mapUinInPkt.find(tagInPktKey(ullUin, (uint8)m_dwClearRequest));
+        if (it != m_mapUinInPkt.end())
+            EraseStream(it);
+        m_listClearUin.pop_front();
+    }
+}
+
+uint32 CAVGUdtRecv::UpdateUinNum(uint64 ullCurUin)
+{
+    for (const MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    {
+        if (stStream.first.ullUserAccount == ullCurUin)
+            return 0;
+    }
+    return 1;
+}
+
+void CAVGUdtRecv::ClearUselessData(uint64 ullAcount, uint32 uTimeOut)
+{
+    for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    {
+        if (stStream.first.ullUserAccount != ullAcount)
+            continue;
+        MapUdtPacket& pkgList = stStream.second.mapUdtPacket;
+        for (MapUdtPacket::iterator it = pkgList.begin(); it != pkgList.end();)
+            it = it->second.dwMETimeStamp > uTimeOut ? pkgList.erase(it) : std::next(it);
+    }
+}
+
+void CAVGUdtRecv::ClearAudioRecvSeq(uint64 ullAccount)
+{
+    const MapUinInPkt::iterator it = m_mapUinInPkt.find(tagInPktKey(ullAccount, MEAVAudio));
+    if (it != m_mapUinInPkt.end())
+        it->second.mapRecvSeq.clear();
+}
+
+MapUinInPkt::iterator CAVGUdtRecv::InsertStream(const tagInPktKey& stKey, const tagUinDataBuf& stUinDataBuf)
+{
+    CXPAutoLock lock(m_lockStreams);
+    return m_mapUinInPkt.emplace(stKey, stUinDataBuf).first;
+}
+
+// Takes a stream out of the map and keeps it until m_listClearedStreams is emptied, with no lock held.
+MapUinInPkt::iterator CAVGUdtRecv::EraseStream(MapUinInPkt::iterator itStream)
+{
+    m_listClearedStreams.emplace_back();
+    const MapUinInPkt::iterator itNext = std::next(itStream);
+    CXPAutoLock lock(m_lockStreams);
+    m_listClearedStreams.back() = m_mapUinInPkt.extract(itStream);
+    return itNext;
+}
+
+tagUinDataInfo& CAVGUdtRecv::FindOrCreateUser(uint64 ullAccount)
+{
+    const MapUinDataInfo::iterator it = m_mapUinDataInfo.find(ullAccount);
+    if (it != m_mapUinDataInfo.end())
+        return it->second;
+    CXPAutoLock lock(m_lockStreams);
+    return m_mapUinDataInfo[ullAccount];
+}
+
+void CAVGUdtRecv::EraseUser(uint64 ullAccount)
+{
+    CXPAutoLock lock(m_lockStreams);
+    m_mapUinDataInfo.erase(ullAccount);
+}
+
+} // namespace plain

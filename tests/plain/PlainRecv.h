@@ -1,0 +1,251 @@
+#ifndef PLAINRECV_H
+#define PLAINRECV_H
+
+/**
+ * The plain receiver: the slow twin that the lock-step test holds the receiver of `udt/` against.
+ *
+ * It is the whole receiver as it was before it was made fast, file by file (`PlainRecvLoss.cpp` was
+ * `udt/AVGUDTRecvLoss.cpp`, and so on), in a namespace so that both live in one program. It walks every
+ * buffer on every turn and remembers nothing that it can work out again; that is why it is kept: what it says
+ * is easy to see through, and whatever shortcut the fast receiver takes must come out the same. A rule of the
+ * receiver that is meant to change changes in both. Only what they share with everybody is not doubled: the
+ * owner's interface, the platform, the log, the thread base and the rate meter.
+ */
+
+#include "AVGSpeed.h"
+#include "AVGUDTCodec.h"
+#include "AVGUDTThreadModel.h"
+#include "IUDT.h"
+#include "IUDTInside.h"
+#include "PlainRecvData.h"
+#include "PlainRecvRules.h"
+#include "PlainSeq.h"
+#include "xpevent.h"
+#include "xplock.h"
+#include "xptypes.h"
+
+#include <list>
+
+namespace plain
+{
+
+class CAVGUdtRecv : public CAVGThreadModel, public IUDTRecv
+{
+public:
+    /// @param pCB the owner's callbacks, borrowed; they must outlive the receiver. Null: packets are taken,
+    ///            played and dropped in silence.
+    explicit CAVGUdtRecv(IUDTRecvEventCallBack* pCB);
+
+    /// Stops and waits for the worker. Not to be called from inside a callback.
+    virtual ~CAVGUdtRecv();
+
+    CAVGUdtRecv(const CAVGUdtRecv&) = delete;
+    CAVGUdtRecv& operator=(const CAVGUdtRecv&) = delete;
+
+    /// The worker's body: turns of `RunTurn` 10 ms apart until `Stop`, then the end report.
+    virtual void Run();
+
+    // The operations of IUDTRecv, documented there. Their order here fixes the slots of this class.
+    virtual boolean UDTReceiveNetData(uint32 dwSendSeq, uint64 llAccount, uint32 dwSeq, WORD wTimeStamp,
+                                      uint8 cSubType, UDTCodecBaseDecode_V2* pData);
+    virtual void Stop();
+    virtual void Start();
+    virtual void UDTSetRecvParams(const tagUDTRecvParams& params);
+    virtual void UDTSetRecvRTT(uint32 dwRTT);
+    virtual void UDTCalcRecvLoss(uint32& dwLoss100, uint32& dwTotalNum, uint32& dwRealNum,
+                                 uint32& dwAvgLossMode);
+    virtual void UDTEnableReGetPkg(boolean bEnable);
+    virtual void ClearRecvChn(uint64 llAccount, uint32 dwIsClearAll);
+    virtual void SetRoomState(uint32 dwRoomState);
+    virtual void GetDownPacketRecvInfo(uint32& dwExpectRecv, uint32& dwRealRecv, uint32& dwBytesRecv,
+                                       uint32& dwIFrmLostInfo);
+    virtual void GetRecvInfo(tagRecvInfo& stRecvInfo);
+    virtual uint32 GetRecvChnInfo(tagRecvChnStatInfo* pstRecvInfo, uint32 dwNum);
+
+    /**
+     * One worker turn: take the intake, release what is due, ask for what is missing, count. An owner-driven
+     * receiver is stepped with it, by one thread at a time; otherwise the worker calls it and nobody else. A call
+     * from inside a callback, or while another thread makes a turn, does nothing.
+     */
+    void RunTurn();
+
+    /**
+     * Where a user's playout stands. Any thread; the words are read one by one while the worker may move them.
+     * @return FALSE, and nothing is filled, when there is no such user
+     */
+    boolean GetPlayoutInfo(uint64 llAccount, tagPlayoutInfo& stInfo);
+
+    /**
+     * The record of the packet that `OnUDTRecvOutData` is being called with: its arrival tick, sequence, frame
+     * and what was lost before it. Worker thread, inside that callback only; null otherwise.
+     */
+    const tagDataPacket* GetReleasing() const { return m_pstReleasing; }
+
+private:
+    // The lock-step test looks inside.
+    friend class CPlainInside;
+
+    // ---- Lifecycle (PlainRecv.cpp) --------------------------------------------------------------------
+    void Clear();
+    void InitSpeed();
+    void UninitSpeed();
+    void EndRun();
+    bool BeginTurn();
+    void EndTurn();
+    void FinishStop();
+    bool IsInsideTurn() const;
+    bool AwaitWorker();
+    void ResetStopCounters();
+    void GuardedStep(void (CAVGUdtRecv::*pfnStep)(), const char* pszOper);
+
+    // ---- Settings and clearing (PlainRecv.cpp) --------------------------------------------------------
+    void UdtModeProcessNew();
+    void ApplyTimelineDelta();
+    void ApplyClearRequest();
+    void ClearChnParam(); // Caller holds m_paramlock.
+    uint32 UpdateUinNum(uint64 ullCurUin);
+    void ClearUselessData(uint64 ullAcount, uint32 uTimeOut);
+    void ClearAudioRecvSeq(uint64 ullAccount);
+    MapUinInPkt::iterator InsertStream(const tagInPktKey& stKey, const tagUinDataBuf& stUinDataBuf);
+    MapUinInPkt::iterator EraseStream(MapUinInPkt::iterator itStream);
+    tagUinDataInfo& FindOrCreateUser(uint64 ullAccount);
+    void EraseUser(uint64 ullAccount);
+
+    // ---- Intake (PlainRecvIntake.cpp) -----------------------------------------------------------------
+    void Deliver();
+    void CalcLostInfo();
+    void OnDataHandleNew(tagDataPacket& dataPacket);
+    bool CheckDuplicate(tagUinDataBuf& stUinDataBuf, uint32 dwSeq);
+    MapUinInPkt::iterator FindOrCreateStream(const tagDataPacket& dataPacket);
+    void CheckSyncTimeOut(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo);
+    void TakeRequestAnswer(tagUinDataBuf& stUinDataBuf, const tagDataPacket& dataPacket);
+    void CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo,
+                        const tagDataPacket& dataPacket);
+
+    // ---- GOPs and losses (PlainRecvLoss.cpp) ----------------------------------------------------------
+    int32 CalcVidGopInfo(tagUinDataBuf& stUinDataBuf, tagDataPacket& stDataPacket);
+    void BeginVidGop(tagUinDataBuf& stUinDataBuf, const tagDataPacket& stDataPacket);
+    uint32 MarkFirstIFrm(tagUinDataBuf& stUinDataBuf);
+    uint32 CalcAudLostInfo(tagUinDataBuf& stUinDataBuf);
+    uint32 CalcVidLostInfo(tagUinDataBuf& stUinDataBuf);
+    void MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagDataPacket& stCur,
+                     std::vector<uint32>& lossSeqVec);
+    uint32 LostAcrossFrames(const tagUinDataBuf& stUinDataBuf, const tagVidWalk& stWalk,
+                            const tagDataPacket& stCur, uint32 dwLost);
+
+    // ---- Requests (PlainRecvRequest.cpp) --------------------------------------------------------------
+    void CheckTimeOutNew();
+    uint32 FirstRequestDelay(uint32 dwNow);
+    void CollectDueGaps(uint32 dwNow, const tagRequestTiming& stTiming, MapUinSeq& mapUinPacketIdx);
+    void Housekeep(uint32 dwNow);
+    void FoldLossCounters(uint8 cSubType, tagUinDataBuf& stUinDataBuf);
+    MapUinInPkt::iterator ExpireStream(MapUinInPkt::iterator itStream);
+    void RequestLossPacket(MapUinSeq& mapUinPacketIdx);
+    boolean RecvDataEvent(uint16 wType, uint8* pBuffer, uint32 nBufSize, uint32 nSendCount, uint32 nUdtV2);
+    void CheckPkgRequestFail(uint32 dwNow);
+
+    // ---- Playout (PlainRecvPlayout.cpp) ---------------------------------------------------------------
+    void OutPacket();
+    void CalcTimelineMaxMin(tagDataPacket& dataPacket);
+    void CalcTimelineOutNew(uint64 ullAcount, tagUinDataInfo& stUinDataInfo);
+    uint32 FindTimeStampJump(uint64 ullAcount, uint32 uTimelineOut);
+    uint32 OutPutDelay(tagUinDataBuf& stUinDataBuf);
+    void OpenGateByMedia(tagUinDataBuf& stUinDataBuf);
+    uint32 OutPacketAudioNew(tagUinDataBuf& stUinDataBuf);
+    uint32 OutPacketVideoNew(tagUinDataBuf& stUinDataBuf);
+    void OutVideoStatInfo(tagUinDataBuf& stUinDataBuf, tagDataPacket& dataPacket);
+    void CountOutIFrm(tagUinDataBuf& stUinDataBuf, const tagDataPacket& dataPacket);
+    MapUinInPkt::iterator GetAVMapUinPair(uint64 llAccount, uint32 dwCurSubType);
+    bool SkipAtBeginning(tagUinDataBuf& stUinDataBuf, MapUdtPacket::iterator& itPacket);
+    tagUinDataInfo* StartClock(tagUinDataBuf& stUinDataBuf, const char* pszOper);
+    int HandOutPacket(const tagDataPacket& dataPacket);
+    bool IsLowLatency() const { return (m_dwUdtRecvMode & c_dwModeLowLatency) != 0; }
+
+    // ---- Statistics (PlainRecvStat.cpp) ---------------------------------------------------------------
+    void CalcDownPacketLoss(uint32 dwCurDownSeq, uint8 cSubType, uint32 dwPacketLen);
+    void InternalUDTCalcRecvLoss();
+    void CalcStatInfo();
+    void PrintStatInfo();
+
+    // ---- Members. Their order is fixed; a letter tells who owns each:
+    // [W] worker only   [D] under m_dataLock   [P] under m_paramlock   [L] under m_lockRevcLoss
+    // [F] one word: one side writes it, the other sees it on its next turn   [C] control thread
+    IUDTRecvEventCallBack* m_pCB;                 // borrowed, constant while packets may come
+    CXPLock m_dataLock;                           // guards [D]
+    std::list<tagDataPacket> m_listRawData;       // [D] arrived, not yet taken by the worker
+    MapUinInPkt m_mapUinInPkt;                    // [W] one buffer per stream; structure under m_lockStreams
+    MapUinSeqInfo m_mapUinSeqInfo;                // [W]
+    MapUinPkgRingParam m_mapUinPkgRingParam;      // [D] timestamp unwrap per stream
+    shared_boolean m_bStop;                       // [F] 1: stopped
+    hxpevent m_hRecvEvent;                        // [C] null while stopped
+    uint32 m_dwRecvChnStartTime;                  // [C] tick of the last Start
+    uint32 m_dwLastCheckPkgTimeoutTime;           // [W] tick of the last loss scan
+    shared_uint32 m_dwUdtlossDataRequestInterval; // [F] ms
+    shared_uint32 m_dwUdtFirstReGetTime;          // [F] ms
+    uint32 m_dwLastCheckPkgRqFailTime;            // [W] tick
+    shared_uint32 m_dwTimelineDeltaMax;           // [F] ms
+    shared_uint32 m_dwRTT;                        // [F] ms, as last told by the owner
+    shared_uint32 m_dwAddDelay;                   // [F] ms
+    uint32 m_dwLastCheckTimeout;                  // [W] tick of the last housekeeping pass
+    uint32 m_dwExpectRecvPkgNum;                  // [W] packets since the last calculation
+    uint32 m_dwRealRecvPkgNum;                    // [W] packets since the last calculation
+    uint32 m_dwTotalLossTime;                     // [W] loss events since the last calculation
+    uint32 m_dwCalcLossCnt;                       // [W] housekeeping passes of this object's life
+    shared_boolean m_bEnableReGetPkg;             // [F] 1: loss requests allowed
+    uint32 m_dwLastCalcRecvLoss;                  // [W] tick
+    shared_uint32 m_dwLoss100;                    // [F] 1/10000
+    shared_uint32 m_dwTotalNum;                   // [F] packets
+    shared_uint32 m_dwRealNum;                    // [F] packets
+    shared_uint32 m_dwAvgLossMode;                // [F] hundredths of a packet
+    shared_uint32 m_dwDownLoss100;                // [F] 1/10000, written under m_lockRevcLoss
+    shared_uint32 m_dwCalcTimer;                  // [F] ms
+    shared_uint32 m_dwTimelineDelta;              // [F] ms, written under m_paramlock
+    shared_uint32 m_dwUdtRecvMode;                // [F] written under m_paramlock
+    shared_uint32 m_dwOutputDelay;                // [F] ms, written under m_paramlock
+    uint32 m_dwUdtParamsChanged;                  // [P] one flag per byte, emParamChange
+    CXPLock m_paramlock;                          // guards [P]
+    uint32 m_dwClearRequest;                      // [P] 0: none
+    std::list<uint64> m_listClearUin;             // [P] accounts to clear
+    shared_uint32 m_dwRoomLogicState;             // [F]
+    MapUinDataInfo m_mapUinDataInfo;              // [W] one timeline per user
+    uint32 m_dwCheckLossParamTime;                // [W] tick
+    uint32 m_dwLossParamSetFlag;                  // [W] 1: warm-up of the first request is over
+    uint32 m_dwPacketRecvCnt;                     // [L] packets of the interval
+    uint32 m_dwBytesRecvCnt;                      // [L] bytes of the interval
+    CAVGSpeed* m_pSpeed[6];                       // [L] by type - TOTAL_RECV_SPEED; 1, 3, 5 null
+    uint32 m_dwSeqFirstRecv;                      // [L] 0: interval not started
+    uint32 m_dwSeqLastRecv;                       // [L]
+    shared_uint32 m_dwMaxLossRate;                // [F] 1/10000, written under m_lockRevcLoss
+    shared_uint32 m_dwMinLossRate;                // [F] likewise
+    shared_uint32 m_dwCurLossRate;                // [F] likewise
+    shared_uint32 m_dwLossRateAccNum;             // [F] likewise
+    shared_uint32 m_dwLossRateAccCnt;             // [F] likewise
+    CXPLock m_lockRevcLoss;                       // guards [L]
+    shared_uint32 m_dwServPushGopNum;             // [F] GOPs
+    shared_uint32 m_dwMinDelayFromServ;           // [F] ms
+    shared_uint32 m_dwIFrmPkgLostInfo;            // [F] packed, of the last stream's first I frame
+    uint32 m_dwPushStmDone;                       // [W]
+    uint32 m_dwAVSyncAdjSwitch;                   // [W]
+    uint32 m_LogPrintFlag;                        // [W] enLogPrintPos
+    uint32 m_dwOutDelayDone;                      // [W]
+    shared_uint32 m_dwChnClearNum;                // [F] streams removed
+    uint32 m_dwUinNum;                            // [W] users
+    uint32 m_dwMultiUinAVSync;                    // [W]
+    uint32 m_dwLogPrintTimer;                     // [W] tick
+    uint32 m_dwLastPrintTick;                     // [W]
+
+    // The worker holds this while it inserts or erases streams and users, the getters while they look them up.
+    // Innermost of all locks.
+    CXPLock m_lockStreams;
+    // Streams and packets taken out under a lock, destroyed once it is free: the last reference to a packet runs
+    // code of its maker.
+    std::list<MapUinInPkt::node_type> m_listClearedStreams; // [W]
+    std::list<tagDataPacket> m_listClearedData;             // [W]
+    const tagDataPacket* m_pstReleasing;                    // [W] lent to the owner right now
+    shared_boolean m_bInTurn;                               // [F] 1: inside RunTurn
+    shared_boolean m_bStoppedInTurn; // [F] 1: stopped, and the end of the run is still to be written
+};
+
+} // namespace plain
+
+#endif // PLAINRECV_H

@@ -1,0 +1,284 @@
+/**
+ * When a missing packet is asked for, and how often.
+ *
+ * In goes what loss detection marked on the buffered packets; out go loss requests through the owner, and the
+ * count of those that were never answered. The housekeeping pass beside it folds the loss counters in and
+ * drops streams that fell silent. Worker thread only, no lock held while the owner is called.
+ */
+
+#include "PlainRecv.h"
+
+#include "PlainRecvInner.h"
+#include "PlainRecvRules.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace plain
+{
+
+namespace
+{
+
+constexpr uint32 c_dwLossScanGap = 50;           // ms between loss scans
+constexpr uint32 c_dwFirstDelayWarmUp = 2000;    // ms during which the first-request delay is the default one
+constexpr size_t c_nStreamScanEnough = 31;       // entries of one stream after which its walk ends
+constexpr size_t c_nStreamScanMany = 100;        // entries that are worth a line
+constexpr size_t c_nStreamScanCap = 10000;       // entries of one stream and scan
+constexpr uint32 c_dwAllStreamsFoldPass = 3;     // housekeeping pass from which all streams fold alike
+constexpr uint32 c_dwRequestFailCheckGap = 4000; // ms that pass between two checks
+
+// Asks for the gap before one packet. The whole gap goes in, up to the cap; the attempt is stamped even when
+// the cap cut it short, and even when requests are switched off further on.
+void RequestGap(tagUinDataBuf& stUinDataBuf, tagDataPacket& stPkt, uint32 dwCurSeq, uint32 dwNow,
+                std::vector<uint32>& lossSeqVector)
+{
+    uint32 seq = dwCurSeq - stPkt.cPrePkgLost;
+    RECV_LOG(
+        LOG_LEVEL_DEBUG, "CheckTimeOutNew",
+        "request: subtype %1d preLost %2d LostStartSeq %5d curSeq %5d pkgN %2d fecN %2d ft %1d fidx %2d gidx "
+        "%2d PkgIdxLeft %2d ReqCnt %2d",
+        stPkt.cSubType, stPkt.cPrePkgLost, seq, dwCurSeq, stPkt.cPkgNum, stPkt.cFecNum, stPkt.cFrmType,
+        stPkt.cFrmIdx, stPkt.cGopIdx, stPkt.wVidPkgIdxLeft, stPkt.wLostReqCnt);
+
+    for (uint32 dwCnt = 0; dwCnt < stPkt.cPrePkgLost && lossSeqVector.size() < c_nStreamScanCap;
+         ++dwCnt, ++seq)
+    {
+        lossSeqVector.push_back(seq);
+        stUinDataBuf.mapRequestSeq[seq] = dwNow;
+    }
+    stPkt.wLostReqCnt += 1;
+    stPkt.dwLastReqLostTime = dwNow;
+}
+
+// One stream's due gaps, oldest first. A gap that playout has reached is no longer worth asking for.
+void CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
+                       const tagRequestTiming& stTiming, std::vector<uint32>& lossSeqVector)
+{
+    MapUdtPacket& pkgList = stUinDataBuf.mapUdtPacket;
+    for (MapUdtPacket::iterator it = pkgList.begin(); it != pkgList.end();)
+    {
+        tagDataPacket& stPkt = it->second;
+        if (stPkt.cPrePkgLost != 0 &&
+            IsRequestDue(stPkt.wLostReqCnt, dwNow - stPkt.dwRecvTime, dwNow - stPkt.dwLastReqLostTime,
+                         stTiming) &&
+            stPkt.dwMETimeStamp > dwTimelineOut)
+        {
+            RequestGap(stUinDataBuf, stPkt, it->first, dwNow, lossSeqVector);
+        }
+        if (lossSeqVector.size() >= c_nStreamScanMany)
+        {
+            RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew",
+                     "lossSeqVector subtype %1d size %d is larger than 100", stPkt.cSubType,
+                     (int)lossSeqVector.size());
+        }
+        ++it;
+        if (lossSeqVector.size() >= c_nStreamScanEnough)
+            break; // the rest waits for the next scan
+    }
+}
+
+} // namespace
+
+// ---- Timed scan ----------------------------------------------------------------------------------------------
+
+void CAVGUdtRecv::CheckTimeOutNew()
+{
+    const uint32 dwNow = TickNow();
+
+    tagRequestTiming stTiming;
+    stTiming.dwFirstDelay = FirstRequestDelay(dwNow); // every turn: the warm-up runs on
+
+    ArmTick(m_dwLastCheckPkgTimeoutTime, dwNow);
+    if (TickReached(dwNow, m_dwLastCheckPkgTimeoutTime, c_dwLossScanGap))
+    {
+        m_dwLastCheckPkgTimeoutTime = dwNow;
+        stTiming.dwInterval = RequestInterval(m_dwRTT, m_dwUdtlossDataRequestInterval);
+
+        MapUinSeq mapUinPacketIdx;
+        CollectDueGaps(dwNow, stTiming, mapUinPacketIdx);
+        RequestLossPacket(mapUinPacketIdx);
+    }
+
+    ArmTick(m_dwLastCheckTimeout, dwNow);
+    if (TickPassed(dwNow, m_dwLastCheckTimeout, c_dwCheckDataTimeout))
+    {
+        m_dwLastCheckTimeout = dwNow;
+        Housekeep(dwNow);
+    }
+}
+
+// For two seconds after the first turn the default holds whatever is configured, then the configured value.
+uint32 CAVGUdtRecv::FirstRequestDelay(uint32 dwNow)
+{
+    ArmTick(m_dwCheckLossParamTime, dwNow);
+    if (m_dwLossParamSetFlag == 0 && !TickReached(dwNow, m_dwCheckLossParamTime, c_dwFirstDelayWarmUp))
+        return c_dwDefaultFirstGetTime;
+    m_dwLossParamSetFlag = 1;
+    m_dwCheckLossParamTime = dwNow;
+    return m_dwUdtFirstReGetTime;
+}
+
+void CAVGUdtRecv::CollectDueGaps(uint32 dwNow, const tagRequestTiming& stTiming, MapUinSeq& mapUinPacketIdx)
+{
+    for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    {
+        const MapUinDataInfo::const_iterator itInfo = m_mapUinDataInfo.find(stStream.first.ullUserAccount);
+        if (itInfo == m_mapUinDataInfo.end())
+        {
+            // No timeline: this user is being torn down, and we cannot tell what is still ahead of playout.
+            // End the walk, not just this stream; what was gathered so far still goes out, and the next scan,
+            // 50 ms on, starts over. Skipping only this stream would change who is asked for what while a
+            // room closes.
+            RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew", "%s", "There should not reach unless before close!");
+            return;
+        }
+        std::vector<uint32> lossSeqVector;
+        CollectStreamGaps(stStream.second, itInfo->second.dwTimelineOut, dwNow, stTiming, lossSeqVector);
+        if (!lossSeqVector.empty())
+            mapUinPacketIdx[stStream.first].swap(lossSeqVector);
+    }
+}
+
+// ---- Housekeeping --------------------------------------------------------------------------------------------
+
+void CAVGUdtRecv::Housekeep(uint32 dwNow)
+{
+    m_dwCalcLossCnt += 1;
+    for (MapUinInPkt::iterator it = m_mapUinInPkt.begin(); it != m_mapUinInPkt.end();)
+    {
+        tagUinDataBuf& stUinDataBuf = it->second;
+        FoldLossCounters(it->first.cSubType, stUinDataBuf);
+        const bool bSilent = TickPassed(dwNow, stUinDataBuf.dwLastRecvPackTime, c_dwClearUinTimeOut);
+        it = bSilent && stUinDataBuf.mapUdtPacket.empty() ? ExpireStream(it) : std::next(it);
+    }
+    m_listClearedStreams.clear();
+}
+
+// Adds one stream's interval to the receiver-wide counters. In the first two passes of a receiver's life a
+// video stream still holds what the server left out of its push, so there its marked losses count instead of
+// the holes in its sequence.
+void CAVGUdtRecv::FoldLossCounters(uint8 cSubType, tagUinDataBuf& stUinDataBuf)
+{
+    tagCPktFlowStat& stFlow = stUinDataBuf.stUinRecvPkgStat;
+    stFlow.UpdateStat();
+    m_dwRealRecvPkgNum += stFlow.m_stat.uRecvPkt;
+    m_dwTotalLossTime += stFlow.m_stat.uLossTimes;
+    if (cSubType == MEAVAudio || m_dwCalcLossCnt >= c_dwAllStreamsFoldPass)
+    {
+        m_dwExpectRecvPkgNum += stFlow.m_stat.uTotalPkt;
+        return;
+    }
+    m_dwExpectRecvPkgNum += stUinDataBuf.dwCurTotalLost + stFlow.m_stat.uRecvPkt;
+    stUinDataBuf.dwCurTotalLost = 0;
+    stFlow.Reset();
+}
+
+// Removes a silent stream, and its user with the last of them. Returns the next stream.
+MapUinInPkt::iterator CAVGUdtRecv::ExpireStream(MapUinInPkt::iterator itStream)
+{
+    const tagInPktKey stKey = itStream->first;
+    RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew", "CheckTimeOut Erase UIN:%llu subType %2d time_out %d",
+             stKey.ullUserAccount, stKey.cSubType, c_dwClearUinTimeOut);
+    m_dwChnClearNum += 1;
+    const MapUinInPkt::iterator itNext = EraseStream(itStream);
+    const uint32 dwDeleteUinNum = UpdateUinNum(stKey.ullUserAccount);
+    if (dwDeleteUinNum != 0)
+        EraseUser(stKey.ullUserAccount);
+    m_dwUinNum -= std::min(dwDeleteUinNum, m_dwUinNum);
+    return itNext;
+}
+
+// ---- Loss request message ------------------------------------------------------------------------------------
+
+// All that one caller gathered travels in one event: streams in key order, sequences as they were gathered.
+void CAVGUdtRecv::RequestLossPacket(MapUinSeq& mapUinPacketIdx)
+{
+    if (m_bEnableReGetPkg == 0 || mapUinPacketIdx.empty())
+        return;
+
+    std::vector<tagReplyData> vecReplyData;
+    for (const MapUinSeq::value_type& stStream : mapUinPacketIdx)
+    {
+        tagReplyData stReply;
+        stReply.ullUserAccount = stStream.first.ullUserAccount;
+        stReply.cSubType = stStream.first.cSubType;
+        for (uint32 seq : stStream.second)
+        {
+            stReply.dwUserSeq = seq;
+            vecReplyData.push_back(stReply);
+        }
+    }
+    if (!vecReplyData.empty())
+    {
+        RecvDataEvent(AVGUdtRecvPacketEvent_LossRequest, (uint8*)vecReplyData.data(),
+                      (uint32)vecReplyData.size(), 1, 1);
+    }
+}
+
+// The single exit for events. The owner's answer changes nothing here.
+boolean CAVGUdtRecv::RecvDataEvent(uint16 wType, uint8* pBuffer, uint32 nBufSize, uint32 nSendCount,
+                                   uint32 nUdtV2)
+{
+    if (m_pCB != nullptr)
+        m_pCB->UdtRecvHandleEvent(wType, pBuffer, nBufSize, nSendCount, nUdtV2);
+    return TRUE;
+}
+
+// ---- Requests that failed --------------------------------------------------------------------------------------
+
+// A sequence that is still being asked for has a fresh tick and never fails; it fails once the scan has given
+// it up and it did not come. Counting stops no request.
+void CAVGUdtRecv::CheckPkgRequestFail(uint32 dwNow)
+{
+    if (m_dwLastCheckPkgRqFailTime == 0)
+    {
+        m_dwLastCheckPkgRqFailTime = dwNow;
+        return;
+    }
+    if (!TickPassed(dwNow, m_dwLastCheckPkgRqFailTime, c_dwRequestFailCheckGap))
+        return;
+    m_dwLastCheckPkgRqFailTime = dwNow;
+
+    const uint32 dwTimelineDeltaMax = m_dwTimelineDeltaMax;
+    for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    {
+        tagUinDataBuf& stUinDataBuf = stStream.second;
+        std::map<uint32, uint32>& mapRequestSeq = stUinDataBuf.mapRequestSeq;
+        uint32 dwStartSeq = 0; // 0: none yet, so a failed 0 gives way to the next one
+        uint32 dwEndSeq = 0;
+        uint32 dwPkgNum = 0;
+        for (std::map<uint32, uint32>::iterator it = mapRequestSeq.begin(); it != mapRequestSeq.end();)
+        {
+            if (!TickPassed(dwNow, it->second, dwTimelineDeltaMax))
+            {
+                ++it;
+                continue;
+            }
+            dwEndSeq = it->first;
+            if (dwStartSeq == 0)
+                dwStartSeq = it->first;
+            ++dwPkgNum;
+            it = mapRequestSeq.erase(it);
+        }
+        if (dwPkgNum == 0)
+            continue;
+        stUinDataBuf.stStatInfo.dwTotalReqFailNum += dwPkgNum;
+        RECV_LOG(LOG_LEVEL_ERROR, "CheckPkgRequestFail",
+                 "CheckPkgRequestFail: subtype %1d curNum %3d totalNum %5d stSeq %5d endSeq %5d curSize %3d "
+                 "Uin %llu",
+                 stStream.first.cSubType, dwPkgNum, stUinDataBuf.stStatInfo.dwTotalReqFailNum.Get(),
+                 dwStartSeq, dwEndSeq, (int)mapRequestSeq.size(), stStream.first.ullUserAccount);
+    }
+}
+
+// Read by RequestLossPacket alone: detection, stamps and failure counts go on while it is off.
+void CAVGUdtRecv::UDTEnableReGetPkg(boolean bEnable)
+{
+    if (bEnable == m_bEnableReGetPkg)
+        return;
+    m_bEnableReGetPkg = bEnable;
+    RECV_LOG(LOG_LEVEL_ERROR, "UDTEnableReGetPkg", "UDTR EnableReGetPkg bEnable[%d]", bEnable);
+}
+
+} // namespace plain
