@@ -293,6 +293,7 @@ public:
     RIG_STEP(UpdateUinNum)
     RIG_STEP(ClearUselessData)
     RIG_STEP(ClearAudioRecvSeq)
+    RIG_STEP(EraseUser)
     RIG_STEP(CalcVidGopInfo)
     RIG_STEP(CalcAudLostInfo)
     RIG_STEP(CalcVidLostInfo)
