@@ -111,6 +111,7 @@ private:
 class CBenchOwner : public IUDTRecvEventCallBack
 {
 public:
+    virtual ~CBenchOwner() = default;
     CBenchOwner(CPacketPool& pool, size_t nStreams) : m_pool(pool), m_vecLastSeq(nStreams, 0) {}
     void OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int*) override
     {

@@ -1,0 +1,176 @@
+/**
+ * What does UDTReceiveNetData cost the network threads, and does it get faster with more of them?
+ *
+ *   Intake/threads:N    N network threads, each feeding a stream of its own as fast as it can, against a worker that
+ *                       makes turns all the while: 5 times as often as in earnest, every 2 ms, so that every batch
+ *                       meets some
+ *
+ * An iteration is a batch of 30,000 calls on each thread, from a common start to the last one's end; the receiver
+ * is started before and stopped after it, untimed. Time is what a clock on the wall says. The clock of the receiver
+ * is the machine's.
+ *
+ *   cpu_ns/call   processor time of a network thread per call; what it spends waiting asleep is not in it
+ *   calls/s       of all threads together, by the wall clock: what more threads are for. On a machine that does other
+ *                 things, or has fewer cores than threads, this tells more about the machine.
+ *   turns         that the worker made per batch
+ */
+
+#include "AVGUDTRecv.h"
+#include "UDTLog.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+constexpr uint32 c_dwCalls = 30000; // per thread and batch
+
+class CIntakeOwner : public IUDTRecvEventCallBack
+{
+public:
+    void OnUDTRecvOutData(UDTCodecBaseDecode_V2*, int*) override { ++m_ullReleased; }
+    int UdtRecvHandleEvent(WORD, uint8*, uint32, uint32, uint32) override { return 0; }
+    int UdtParsePacketHeadInfo(uint8* pBuf, UdtPacketHeadInfo& stHead) override
+    {
+        stHead = *(const tagUdtPacketHeadInfo*)pBuf;
+        return 0;
+    }
+    uint64 m_ullReleased = 0; // worker
+};
+
+struct CIntakePacket : public UDTCodecBaseDecode_V2
+{
+    tagUdtPacketHeadInfo m_stHead;
+};
+
+double ThreadSeconds()
+{
+    timespec st;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &st);
+    return (double)st.tv_sec + (double)st.tv_nsec * 1e-9;
+}
+
+double WallSeconds()
+{
+    using namespace std::chrono;
+    return duration<double>(steady_clock::now().time_since_epoch()).count();
+}
+
+struct tagFeeder
+{
+    uint64 ullUin = 0;
+    std::vector<CScopePtr<CIntakePacket>> vecPackets;
+    double dCpu = 0;
+    double dEnd = 0;
+};
+
+void Intake(benchmark::State& state)
+{
+    const size_t nThreads = (size_t)state.range(0);
+    CIntakeOwner owner;
+    CAVGUdtRecv recv(&owner);
+    recv.SetOwnerDriven(TRUE);
+
+    std::vector<tagFeeder> vecFeeders(nThreads);
+    for (size_t i = 0; i < nThreads; ++i)
+    {
+        vecFeeders[i].ullUin = 1000 + i;
+        for (uint32 dwSeq = 0; dwSeq < c_dwCalls; ++dwSeq)
+        {
+            CScopePtr<CIntakePacket> p(new CIntakePacket);
+            p->wLen = 1000;
+            p->bufBody.pbuf = (uint8*)&p->m_stHead;
+            p->bufBody.ulen = sizeof(p->m_stHead);
+            p->m_stHead.cSubType = MEAVMaxVideo;
+            p->m_stHead.cFrmType = def_FrameType_I; // due at once
+            p->m_stHead.cTotalPkgCount = 1;
+            p->m_stHead.uTimeStamp = 100000;
+            vecFeeders[i].vecPackets.push_back(p);
+        }
+    }
+
+    double dCpu = 0;
+    double dWall = 0;
+    uint64 ullTurns = 0;
+    uint64 ullBatches = 0;
+    bool bAllCame = true;
+    for (auto _ : state)
+    {
+        recv.Start();
+        recv.SetRoomState(c_dwRoomStatePlaying);
+        owner.m_ullReleased = 0;
+        std::atomic<size_t> nReady{0};
+        std::atomic<bool> bGo{false};
+        std::atomic<bool> bStop{false};
+        std::vector<std::thread> vecThreads;
+        for (tagFeeder& stFeeder : vecFeeders)
+        {
+            vecThreads.emplace_back(
+                [&recv, &stFeeder, &nReady, &bGo]
+                {
+                    ++nReady;
+                    while (!bGo)
+                        std::this_thread::yield();
+                    const double dBegin = ThreadSeconds();
+                    uint32 dwSeq = 1000;
+                    for (const CScopePtr<CIntakePacket>& pPacket : stFeeder.vecPackets)
+                    {
+                        recv.UDTReceiveNetData(dwSeq, stFeeder.ullUin, dwSeq, 0, MEAVMaxVideo, pPacket.p);
+                        ++dwSeq;
+                    }
+                    stFeeder.dCpu = ThreadSeconds() - dBegin;
+                    stFeeder.dEnd = WallSeconds();
+                });
+        }
+        std::thread worker(
+            [&recv, &bStop, &ullTurns]
+            {
+                while (!bStop)
+                {
+                    recv.RunTurn();
+                    ++ullTurns;
+                    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                }
+                recv.RunTurn(); // what came last
+            });
+        while (nReady < nThreads)
+            std::this_thread::yield();
+        const double dBegin = WallSeconds();
+        bGo = true;
+        for (std::thread& thread : vecThreads)
+            thread.join();
+        bStop = true;
+        worker.join();
+
+        double dEnd = 0;
+        for (const tagFeeder& stFeeder : vecFeeders)
+        {
+            dCpu += stFeeder.dCpu;
+            dEnd = std::max(dEnd, stFeeder.dEnd);
+        }
+        state.SetIterationTime(dEnd - dBegin);
+        dWall += dEnd - dBegin;
+        ++ullBatches;
+        bAllCame = bAllCame && owner.m_ullReleased == nThreads * c_dwCalls;
+        recv.Stop();
+    }
+    if (!bAllCame)
+        state.SkipWithError("not every packet came out");
+    const double dCalls = (double)(ullBatches * nThreads * c_dwCalls);
+    state.counters["cpu_ns/call"] = dCpu * 1e9 / dCalls;
+    state.counters["calls/s"] = dCalls / dWall;
+    state.counters["turns"] = (double)ullTurns / (double)ullBatches;
+}
+BENCHMARK(Intake)->ArgName("threads")->Arg(1)->Arg(2)->Arg(4)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,194 @@
+/**
+ * What do many receivers in one process cost?
+ *
+ *   Many/receivers:N/load:L/drive:D    N receivers for 3 s of real time on the machine's clock. L = 0: started and
+ *                                      idle. L = 1: each takes and plays one audio stream, 50 packets/s. D = 0: a
+ *                                      thread of its own each, as Start makes it.
+ *
+ * Time per iteration is the 3 s; what counts is
+ *
+ *   cpu_pct        processor time of the process in percent of one core, the feeding thread's not counted
+ *   us/recv/s      the same per receiver and second
+ *   rss_kB/recv    resident memory per receiver, threads' stacks included
+ *   played_pct     packets played of those that were due; above 100 while buffers settle, below 99 the machine did
+ *                  not keep up
+ */
+
+#include "AVGUDTRecv.h"
+#include "UDTLog.h"
+
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono;
+
+constexpr int c_nSeconds = 3;
+constexpr uint32 c_dwAudioMs = 20;
+
+class CManyOwner : public IUDTRecvEventCallBack
+{
+public:
+    void OnUDTRecvOutData(UDTCodecBaseDecode_V2*, int*) override
+    {
+        m_ullReleased.fetch_add(1, std::memory_order_relaxed);
+    }
+    int UdtRecvHandleEvent(WORD, uint8*, uint32, uint32, uint32) override { return 0; }
+    int UdtParsePacketHeadInfo(uint8* pBuf, UdtPacketHeadInfo& stHead) override
+    {
+        stHead = *(const tagUdtPacketHeadInfo*)pBuf;
+        return 0;
+    }
+    std::atomic<uint64> m_ullReleased{0};
+};
+
+struct CManyPacket : public UDTCodecBaseDecode_V2
+{
+    tagUdtPacketHeadInfo m_stHead;
+};
+
+double Clock(clockid_t nClock)
+{
+    timespec st;
+    clock_gettime(nClock, &st);
+    return (double)st.tv_sec + (double)st.tv_nsec * 1e-9;
+}
+
+double ResidentBytes()
+{
+    long nTotal = 0;
+    long nResident = 0;
+    if (FILE* pFile = fopen("/proc/self/statm", "r"))
+    {
+        if (fscanf(pFile, "%ld %ld", &nTotal, &nResident) != 2)
+            nResident = 0;
+        fclose(pFile);
+    }
+    return (double)nResident * (double)sysconf(_SC_PAGESIZE);
+}
+
+struct tagMember
+{
+    explicit tagMember(IUDTRecvEventCallBack* pOwner) : recv(pOwner) {}
+    CAVGUdtRecv recv;
+    uint32 dwSeq = 1000;
+};
+
+void Many(benchmark::State& state, size_t nReceivers, bool bLoaded)
+{
+    for (auto _ : state)
+    {
+        const double dResident = ResidentBytes();
+        CManyOwner owner;
+        std::vector<std::unique_ptr<tagMember>> vecMembers;
+        for (size_t i = 0; i < nReceivers; ++i)
+        {
+            vecMembers.push_back(std::make_unique<tagMember>(&owner));
+            tagUDTRecvParams params;
+            params.wTimelineDelta = 200;
+            vecMembers.back()->recv.UDTSetRecvParams(params);
+            vecMembers.back()->recv.Start();
+            vecMembers.back()->recv.SetRoomState(c_dwRoomStatePlaying);
+        }
+
+        // One second to settle, then the measured ones. Half of the receivers get a packet every 10 ms.
+        double dFed = 0;
+        uint64 ullPlayed = 0;
+        double dFedBegin = 0;
+        const steady_clock::time_point stBegin = steady_clock::now();
+        double dBegin = 0;
+        double dFeederBegin = 0;
+        double dWallBegin = 0;
+        for (int nStep = 0; nStep < (1 + c_nSeconds) * 100; ++nStep)
+        {
+            std::this_thread::sleep_until(stBegin + milliseconds(10 * nStep));
+            if (nStep == 100)
+            {
+                dBegin = Clock(CLOCK_PROCESS_CPUTIME_ID);
+                dFeederBegin = Clock(CLOCK_THREAD_CPUTIME_ID);
+                dWallBegin = Clock(CLOCK_MONOTONIC);
+                dFedBegin = dFed;
+                ullPlayed = owner.m_ullReleased;
+            }
+            for (size_t i = (size_t)nStep % 2; bLoaded && i < nReceivers; i += 2)
+            {
+                CScopePtr<CManyPacket> p(new CManyPacket);
+                p->wLen = 100;
+                p->bufBody.pbuf = (uint8*)&p->m_stHead;
+                p->bufBody.ulen = sizeof(p->m_stHead);
+                p->m_stHead.cSubType = MEAVAudio;
+                p->m_stHead.cFrmType = def_FrameType_P;
+                p->m_stHead.cTotalPkgCount = 1;
+                tagMember& stMember = *vecMembers[i];
+                p->m_stHead.uTimeStamp = 100000 + stMember.dwSeq * c_dwAudioMs;
+                stMember.recv.UDTReceiveNetData(stMember.dwSeq, 1000 + i, stMember.dwSeq, 0, MEAVAudio, p.p);
+                ++stMember.dwSeq;
+                dFed += 1;
+            }
+        }
+        const double dWall = Clock(CLOCK_MONOTONIC) - dWallBegin;
+        const double dCpu =
+            Clock(CLOCK_PROCESS_CPUTIME_ID) - dBegin - (Clock(CLOCK_THREAD_CPUTIME_ID) - dFeederBegin);
+        dFed -= dFedBegin;
+        ullPlayed = owner.m_ullReleased - ullPlayed;
+        const double dMemory = ResidentBytes() - dResident;
+
+        // A receiver with a thread of its own takes 200 ms to stop: all at once.
+        const size_t nStoppers = 50;
+        std::vector<std::thread> vecStoppers;
+        for (size_t nStopper = 0; nStopper < nStoppers; ++nStopper)
+        {
+            vecStoppers.emplace_back(
+                [&vecMembers, nStopper]
+                {
+                    for (size_t i = nStopper; i < vecMembers.size(); i += nStoppers)
+                        vecMembers[i]->recv.Stop();
+                });
+        }
+        for (std::thread& thread : vecStoppers)
+            thread.join();
+
+        state.SetIterationTime(dWall);
+        state.counters["cpu_pct"] = 100 * dCpu / dWall;
+        state.counters["us/recv/s"] = dCpu * 1e6 / dWall / (double)nReceivers;
+        state.counters["rss_kB/recv"] = dMemory / 1024 / (double)nReceivers;
+        if (bLoaded)
+            state.counters["played_pct"] = 100 * (double)ullPlayed / dFed;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    LogSetLevel(LOG_LEVEL_ERROR);
+    for (const size_t nReceivers : {(size_t)100, (size_t)1000})
+    {
+        for (const bool bLoaded : {false, true})
+        {
+            const std::string strName = "Many/receivers:" + std::to_string(nReceivers) +
+                                        "/load:" + std::to_string((int)bLoaded) + "/drive:0";
+            benchmark::RegisterBenchmark(strName.c_str(), [nReceivers, bLoaded](benchmark::State& state)
+                                         { Many(state, nReceivers, bLoaded); })
+                ->UseManualTime()
+                ->Iterations(1)
+                ->Unit(benchmark::kSecond);
+        }
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    return benchmark::RunSpecifiedBenchmarks() != 0 ? 0 : 1;
+}
