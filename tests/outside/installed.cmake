@@ -29,7 +29,7 @@ set(ENV{PKG_CONFIG_PATH} ${LIBDIR}/pkgconfig)
 
 # Every header is found by its bare name in the one folder.
 file(GLOB HEADERS RELATIVE ${PREFIX}/include/udtrecv ${PREFIX}/include/udtrecv/*.h)
-foreach(WANTED IUDT.h AVGUDTRecv.h AVGUDTCodec.h UDTLog.h xpmess.h RtpIntake.h)
+foreach(WANTED udtrecv.h IUDT.h AVGUDTRecv.h AVGUDTCodec.h UDTLog.h xpmess.h RtpIntake.h)
   if(NOT WANTED IN_LIST HEADERS)
     message(FATAL_ERROR "${WANTED} is not in ${PREFIX}/include/udtrecv")
   endif()
@@ -41,8 +41,9 @@ run(${CMAKE_COMMAND} --build ${WORK}/package)
 run(${CMAKE_CTEST_COMMAND} --test-dir ${WORK}/package --output-on-failure)
 
 file(COPY ${SOURCE}/pkgconfig ${SOURCE}/main.cpp DESTINATION ${WORK})
-run(make -C ${WORK}/pkgconfig CXX=${CXX})
+run(make -C ${WORK}/pkgconfig CXX=${CXX} EXAMPLES=${PREFIX}/share/doc/libudtrecv-dev/examples)
 run(${WORK}/pkgconfig/outside)
+run(${WORK}/pkgconfig/outside_c)
 
 if(EXISTS ${PREFIX}/bin/udtlab)
   run(${PREFIX}/bin/udtlab simulate --scenario ${PREFIX}/share/udtrecv/scenarios/train-outages.json --seconds 5)
