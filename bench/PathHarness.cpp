@@ -299,7 +299,7 @@ public:
             ullLost += stStream.second.stStatInfo.dwTotalLossPkgNum;
         return ullLost;
     }
-    CAVGUdtRecv* Receiver() override { return &m_recv; }
+    bool CountsLost() const override { return true; }
 
 private:
     CAVGUdtRecv m_recv;
@@ -319,6 +319,7 @@ public:
     void Turn() override {}
     size_t Held() const override { return 0; }
     uint64 Lost() const override { return 0; }
+    bool Orders() const override { return false; }
 
 private:
     IUDTRecvEventCallBack* m_pOwner;
@@ -464,12 +465,14 @@ void CPathRun::TurnsOf(uint32 dwTurns)
     }
 }
 
-tagPathMark CPathRun::Mark() const
+tagPathMark CPathRun::Mark()
 {
+    m_pTaker->Settle();
     tagPathMark st;
     st.ullFed = m_ullFed;
     st.ullReleased = m_pOwner->m_ullReleased;
     st.ullBackwards = m_pOwner->m_ullBackwards;
+    st.ullLate = m_pTaker->Late();
     st.ullLost = m_ullLost;
     st.ullLostSeen = m_pTaker->Lost();
     st.ullAsked = m_pOwner->m_ullAsked;
@@ -477,22 +480,27 @@ tagPathMark CPathRun::Mark() const
     return st;
 }
 
-std::string CPathRun::CheckSince(const tagPathMark& stThen) const
+std::string CPathRun::CheckSince(const tagPathMark& stThen)
 {
     const tagPathMark stNow = Mark();
     const auto number = [](double d) { return std::to_string((long long)d); };
 
     const uint64 ullHeld = m_pTaker->Held();
-    if (stNow.ullFed - stNow.ullReleased != ullHeld || m_pPool->Out() != ullHeld)
+    if (stNow.ullFed - stNow.ullReleased != ullHeld + stNow.ullLate ||
+        m_pPool->Out() != ullHeld + stNow.ullLate)
         return "fed " + number((double)stNow.ullFed) + ", played " + number((double)stNow.ullReleased) +
                ", held " + number((double)ullHeld) + ": something was dropped";
-    if (stNow.ullBackwards != stThen.ullBackwards)
+    if ((stNow.ullLate - stThen.ullLate) * 100 > stNow.ullFed - stThen.ullFed)
+        return number((double)(stNow.ullLate - stThen.ullLate)) + " packets were dropped for being late";
+    if ((double)ullHeld > 2 * m_stConfig.dDepth + 1000)
+        return number((double)ullHeld) + " packets held, more than the case has";
+    if (m_pTaker->Orders() && stNow.ullBackwards != stThen.ullBackwards)
         return number((double)(stNow.ullBackwards - stThen.ullBackwards)) + " packets played out of order";
 
     // The buffer shifts what is seen against what was sent.
     const double dLost = (double)(stNow.ullLost - stThen.ullLost);
     const double dSeen = (double)(uint32)(stNow.ullLostSeen - stThen.ullLostSeen);
-    if (m_pTaker->Receiver() != nullptr && std::abs(dLost - dSeen) > 5 + m_stConfig.dDepth * 0.03)
-        return "lost " + number(dLost) + ", but the receiver says " + number(dSeen);
+    if (m_pTaker->CountsLost() && std::abs(dLost - dSeen) > 5 + m_stConfig.dDepth * 0.03)
+        return "lost " + number(dLost) + ", but the count is " + number(dSeen);
     return "";
 }

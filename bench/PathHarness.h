@@ -159,10 +159,13 @@ public:
     virtual void Take(const tagArrivalStream& stStream, uint32 dwSeq, uint32 dwDownSeq,
                       CBenchPacket* pPacket) = 0;
     virtual void Turn() = 0;
-    virtual void Play() {}           ///< the buffer is full, playing may begin
-    virtual size_t Held() const = 0; ///< packets in its buffers
-    virtual uint64 Lost() const = 0; ///< packets that it counts as lost
-    virtual CAVGUdtRecv* Receiver() { return nullptr; }
+    virtual void Play() {}                            ///< the buffer is full, playing may begin
+    virtual size_t Held() const = 0;                  ///< packets in its buffers
+    virtual uint64 Lost() const = 0;                  ///< packets that it counts as lost
+    virtual bool CountsLost() const { return false; } ///< its count must be the schedule's
+    virtual bool Orders() const { return true; }      ///< packets must come out in order
+    virtual uint64 Late() const { return 0; } ///< packets that it dropped for being late: one in 100 at most
+    virtual void Settle() {}                  ///< waits for what its other threads have in hand
 };
 
 struct tagPathConfig;
@@ -191,6 +194,7 @@ struct tagPathMark
     uint64 ullFed = 0;
     uint64 ullReleased = 0;
     uint64 ullBackwards = 0;
+    uint64 ullLate = 0;
     uint64 ullLost = 0;     ///< by the schedule
     uint64 ullLostSeen = 0; ///< by the taker
     uint64 ullAsked = 0;
@@ -209,9 +213,9 @@ public:
     /// The loop to measure: that many times 10 ms of arrivals and a turn.
     void Turns(uint32 dwTurns);
 
-    tagPathMark Mark() const;
+    tagPathMark Mark();
     /// Empty, or what is wrong: not all that came was played, the wrong number was lost, or the order is wrong.
-    std::string CheckSince(const tagPathMark& stMark) const;
+    std::string CheckSince(const tagPathMark& stMark);
 
     double Depth() const { return m_dDepth; } ///< packets held, mean of the last seconds of the warm-up
     IPathTaker& Taker() { return *m_pTaker; }
