@@ -19,47 +19,57 @@ namespace
 // Every field of every record, by name. FieldsNobodyCompares walks the bytes of the plain records and names what
 // these lists forget.
 
-#define PACKET_FIELDS(X)                                                                                 \
-    X(dwSenderSeq)                                                                                       \
-    X(dwTimeStamp)                                                                                       \
-    X(llAccount)                                                                                         \
-    X(dwSeq) X(pRawData) X(dwRecvTime) X(cSubType) X(cPrePkgLost) X(cIsFrmLastPkg) X(cGopIdx) X(cFrmIdx) \
-        X(cPkgIndex) X(cFrmType) X(cPkgNum) X(cFecNum) X(cFrmLostNum) X(cIsCalcLost) X(cIsOutOfOrderSeq) \
-            X(wVidPkgIdxLeft) X(wLostReqCnt) X(dwMETimeStamp) X(dwLastReqLostTime)
+#define PACKET_FIELDS(X)                                                                                    \
+    X(dwSenderSeq)                                                                                          \
+    X(dwTimeStamp)                                                                                          \
+    X(llAccount)                                                                                            \
+    X(dwSeq)                                                                                                \
+    X(pRawData)                                                                                             \
+    X(dwRecvTime)                                                                                           \
+    X(cSubType)                                                                                             \
+    X(cPrePkgLost) X(cIsFrmLastPkg) X(cGopIdx) X(cFrmIdx) X(cPkgIndex) X(cFrmType) X(cPkgNum) X(cFecNum)    \
+        X(cFrmLostNum) X(cIsCalcLost) X(cIsOutOfOrderSeq) X(wVidPkgIdxLeft) X(wLostReqCnt) X(dwMETimeStamp) \
+            X(dwLastReqLostTime)
 
-#define STAT_FIELDS(X)                                                                                    \
-    X(dwFirstIFrmRecvTime)                                                                                \
-    X(dwFrmNumBeforeFristFrm)                                                                             \
-    X(dwFirstFrmCanDec)                                                                                   \
-    X(dwCanDecIFrmElpTime) X(dwConfgMinDelay) X(dwConfgMaxDelay) X(dwRealMinDelay) X(dwRealMaxDelay)      \
-        X(dwRealDelayAccNum) X(dwRealDelayAccCnt) X(dwCurCalcTLDelta) X(dwSkipPkgNum) X(dwStampErrCnt)    \
-            X(dwTotalRecvPkgNum) X(dwTotalLossPkgNum) X(dwTotalReqFailNum) X(dwPreFrmType) X(dwOutFrmCnt) \
-                X(dwOutIFrmNum) X(dwCurIFrmCanDec)
+#define STAT_FIELDS(X)                                                                                  \
+    X(dwFirstIFrmRecvTime)                                                                              \
+    X(dwFrmNumBeforeFristFrm)                                                                           \
+    X(dwFirstFrmCanDec)                                                                                 \
+    X(dwCanDecIFrmElpTime)                                                                              \
+    X(dwConfgMinDelay)                                                                                  \
+    X(dwConfgMaxDelay)                                                                                  \
+    X(dwRealMinDelay)                                                                                   \
+    X(dwRealMaxDelay) X(dwRealDelayAccNum) X(dwRealDelayAccCnt) X(dwCurCalcTLDelta) X(dwSkipPkgNum)     \
+        X(dwStampErrCnt) X(dwTotalRecvPkgNum) X(dwTotalLossPkgNum) X(dwTotalReqFailNum) X(dwPreFrmType) \
+            X(dwOutFrmCnt) X(dwOutIFrmNum) X(dwCurIFrmCanDec)
 
 #define FLOW_FIELDS(X)      X(m_bInit) X(m_wRunsFixed) X(m_mapLoss) X(m_uBase) X(m_uLast) X(m_uPktRecv) X(m_stat)
 #define FLOW_STAT_FIELDS(X) X(uLossTimes) X(uTotalPkt) X(uRecvPkt)
 
-#define STREAM_FIELDS(X)                                                                                    \
-    X(dwTimelineMin)                                                                                        \
-    X(dwTimelineMax)                                                                                        \
-    X(dwTimelineDelta)                                                                                      \
-    X(dwTimelineOut) X(dwLastRecvPackTime) X(dwRecvFirstPkgTime) X(mapUdtPacket) X(stUinRecvPkgStat)        \
-        X(dwLastCheckDeltaTime) X(dwTargetTimelineDelta) X(dwNoAdjustDeltaCounter) X(dwConfigTimelineDelta) \
-            X(dwOutSendSeq) X(dwOutOfOrderCnt) X(dwLastOutPkgMETimeStamp) X(dwLastOutPkgHeadTS)             \
-                X(dwAVSyncAddDelay) X(dwLastOutPkgTick) X(dwTimeStampDelta) X(dwCurTotalLost)               \
-                    X(dwOutputSwitch) X(dwDelayTimelineMax) X(dwStartTimeStamp) X(dwStartTick)              \
-                        X(dwOutPutDelayFlag) X(mapRecvSeq) X(mapRequestSeq) X(dwFirstIFOutFlag)             \
-                            X(dwPrePkgSeq) X(dwVidPreGopIdx) X(dwVidPreFrmIdx) X(dwVidGopCnt)               \
-                                X(dwAVStampSync) X(dwPFrmCnt) X(dwAudPushDone) X(dwAudPlayDelayRTS)         \
-                                    X(stStatInfo) X(dwLogPrintFlag) X(dwRecvIFlag) X(dwQuickOut)            \
-                                        X(bPushStmDone)
+#define STREAM_FIELDS(X)                                                                                     \
+    X(dwTimelineMin)                                                                                         \
+    X(dwTimelineMax)                                                                                         \
+    X(dwTimelineDelta)                                                                                       \
+    X(dwTimelineOut)                                                                                         \
+    X(dwLastRecvPackTime)                                                                                    \
+    X(dwRecvFirstPkgTime)                                                                                    \
+    X(mapUdtPacket)                                                                                          \
+    X(stUinRecvPkgStat) X(dwLastCheckDeltaTime) X(dwTargetTimelineDelta) X(dwNoAdjustDeltaCounter)           \
+        X(dwConfigTimelineDelta) X(dwOutSendSeq) X(dwOutOfOrderCnt) X(dwLastOutPkgMETimeStamp)               \
+            X(dwLastOutPkgHeadTS) X(dwAVSyncAddDelay) X(dwLastOutPkgTick) X(dwTimeStampDelta)                \
+                X(dwCurTotalLost) X(dwOutputSwitch) X(dwDelayTimelineMax) X(dwStartTimeStamp) X(dwStartTick) \
+                    X(dwOutPutDelayFlag) X(mapRecvSeq) X(mapRequestSeq) X(dwFirstIFOutFlag) X(dwPrePkgSeq)   \
+                        X(dwVidPreGopIdx) X(dwVidPreFrmIdx) X(dwVidGopCnt) X(dwAVStampSync) X(dwPFrmCnt)     \
+                            X(dwAudPushDone) X(dwAudPlayDelayRTS) X(stStatInfo) X(dwLogPrintFlag)            \
+                                X(dwRecvIFlag) X(dwQuickOut) X(bPushStmDone)
 
-#define USER_FIELDS(X)                                                                              \
-    X(dwTimelineOut)                                                                                \
-    X(dwTimelineIn)                                                                                 \
-    X(dwTimelineMin)                                                                                \
-    X(dwTimelineMax) X(dwVidResetTimelineMin) X(dwLastCheckDeltaTime) X(dwHasVideo) X(dwFastFactor) \
-        X(dwExWaitTick) X(dwLogPrintFlag)
+#define USER_FIELDS(X)       \
+    X(dwTimelineOut)         \
+    X(dwTimelineIn)          \
+    X(dwTimelineMin)         \
+    X(dwTimelineMax)         \
+    X(dwVidResetTimelineMin) \
+    X(dwLastCheckDeltaTime) X(dwHasVideo) X(dwFastFactor) X(dwExWaitTick) X(dwLogPrintFlag)
 
 #define RING_FIELDS(X)   X(dwTimeStampBase) X(wTimeStampLast) X(bSwitch)
 #define DOWNUP_FIELDS(X) X(dwSubType) X(dwSenderSeq) X(dwLastLostReqTime)
@@ -71,21 +81,22 @@ namespace
     X(m_bStop)                                                                                               \
     X(m_dwRecvChnStartTime)                                                                                  \
     X(m_dwLastCheckPkgTimeoutTime)                                                                           \
-    X(m_dwUdtlossDataRequestInterval) X(m_dwUdtFirstReGetTime) X(m_dwLastCheckPkgRqFailTime)                 \
-        X(m_dwTimelineDeltaMax) X(m_dwRTT) X(m_dwAddDelay) X(m_dwLastCheckTimeout) X(m_dwExpectRecvPkgNum)   \
-            X(m_dwRealRecvPkgNum) X(m_dwTotalLossTime) X(m_dwCalcLossCnt) X(m_bEnableReGetPkg)               \
-                X(m_dwLastCalcRecvLoss) X(m_dwLoss100) X(m_dwTotalNum) X(m_dwRealNum) X(m_dwAvgLossMode)     \
-                    X(m_dwDownLoss100) X(m_dwCalcTimer) X(m_dwTimelineDelta) X(m_dwUdtRecvMode)              \
-                        X(m_dwOutputDelay) X(m_dwUdtParamsChanged) X(m_dwClearRequest) X(m_dwRoomLogicState) \
-                            X(m_dwCheckLossParamTime) X(m_dwLossParamSetFlag) X(m_dwPacketRecvCnt)           \
-                                X(m_dwBytesRecvCnt) X(m_dwSeqFirstRecv) X(m_dwSeqLastRecv)                   \
-                                    X(m_dwMaxLossRate) X(m_dwMinLossRate) X(m_dwCurLossRate)                 \
-                                        X(m_dwLossRateAccNum) X(m_dwLossRateAccCnt) X(m_dwServPushGopNum)    \
-                                            X(m_dwMinDelayFromServ) X(m_dwIFrmPkgLostInfo)                   \
-                                                X(m_dwPushStmDone) X(m_dwAVSyncAdjSwitch) X(m_LogPrintFlag)  \
-                                                    X(m_dwOutDelayDone) X(m_dwChnClearNum) X(m_dwUinNum)     \
-                                                        X(m_dwMultiUinAVSync) X(m_dwLogPrintTimer)           \
-                                                            X(m_dwLastPrintTick)
+    X(m_dwUdtlossDataRequestInterval)                                                                        \
+    X(m_dwUdtFirstReGetTime)                                                                                 \
+    X(m_dwLastCheckPkgRqFailTime)                                                                            \
+    X(m_dwTimelineDeltaMax)                                                                                  \
+    X(m_dwRTT) X(m_dwAddDelay) X(m_dwLastCheckTimeout) X(m_dwExpectRecvPkgNum) X(m_dwRealRecvPkgNum)         \
+        X(m_dwTotalLossTime) X(m_dwCalcLossCnt) X(m_bEnableReGetPkg) X(m_dwLastCalcRecvLoss) X(m_dwLoss100)  \
+            X(m_dwTotalNum) X(m_dwRealNum) X(m_dwAvgLossMode) X(m_dwDownLoss100) X(m_dwCalcTimer)            \
+                X(m_dwTimelineDelta) X(m_dwUdtRecvMode) X(m_dwOutputDelay) X(m_dwUdtParamsChanged)           \
+                    X(m_dwClearRequest) X(m_dwRoomLogicState) X(m_dwCheckLossParamTime)                      \
+                        X(m_dwLossParamSetFlag) X(m_dwPacketRecvCnt) X(m_dwBytesRecvCnt) X(m_dwSeqFirstRecv) \
+                            X(m_dwSeqLastRecv) X(m_dwMaxLossRate) X(m_dwMinLossRate) X(m_dwCurLossRate)      \
+                                X(m_dwLossRateAccNum) X(m_dwLossRateAccCnt) X(m_dwServPushGopNum)            \
+                                    X(m_dwMinDelayFromServ) X(m_dwIFrmPkgLostInfo) X(m_dwPushStmDone)        \
+                                        X(m_dwAVSyncAdjSwitch) X(m_LogPrintFlag) X(m_dwOutDelayDone)         \
+                                            X(m_dwChnClearNum) X(m_dwUinNum) X(m_dwMultiUinAVSync)           \
+                                                X(m_dwLogPrintTimer) X(m_dwLastPrintTick)
 
 // ---- Packets -----------------------------------------------------------------------------------------------------
 
@@ -409,6 +420,7 @@ std::string tagTwinCall::Text() const
     case CALL_DELAY: snprintf(szText, sizeof(szText), "play delay %d", (int)llValue); break;
     case CALL_STOP: snprintf(szText, sizeof(szText), "stop"); break;
     case CALL_START: snprintf(szText, sizeof(szText), "start"); break;
+    case CALL_LOG_LEVEL: snprintf(szText, sizeof(szText), "log level %d", (int)llValue); break;
     case CALL_LOSE_USER: snprintf(szText, sizeof(szText), "lose user %llu", ullUin); break;
     }
     static const char* const s_aDoors[] = {"", "release", "request", "parse"};
@@ -565,18 +577,20 @@ void CTwin<RIG>::Do(const tagTwinCall& stCall)
     case CALL_DELAY: m_nPlayDelay = (int)stCall.llValue; break;
     case CALL_STOP: recv.Stop(); break;
     case CALL_START: recv.Start(); break;
+    case CALL_LOG_LEVEL: LogSetLevel((UDT_LOG_LEVEL)stCall.llValue); break;
     case CALL_LOSE_USER: m_rig.EraseUser(stCall.ullUin); break;
     }
 }
 
 // ---- Both --------------------------------------------------------------------------------------------------------
 
-CTwins::CTwins(const tagTwinSetup& stSetup) : m_stSetup(stSetup), m_fast(stSetup.ullTick)
+CTwins::CTwins(const tagTwinSetup& stSetup)
+    : m_stSetup(stSetup), m_fast(stSetup.ullTick), m_nLogLevel(stSetup.nLogLevel)
 {
     m_fast.m_rig.m_pCB() = stSetup.bWithOwner ? &m_fast : nullptr;
     m_plain.m_rig.m_pCB() = stSetup.bWithOwner ? &m_plain : nullptr;
     m_fast.m_pClock = m_plain.m_pClock = &m_fast.m_rig.m_clock;
-    LogSetLevel((UDT_LOG_LEVEL)stSetup.nLogLevel);
+    LogSetLevel((UDT_LOG_LEVEL)m_nLogLevel);
 }
 
 CTwins::~CTwins()
@@ -602,8 +616,10 @@ bool CTwins::Do(const tagTwinCall& stCall)
     m_fast.Do(stCall);
     const uint64 ullAfter = clock.Tick();
     clock.JumpTo(ullBefore);
+    LogSetLevel((UDT_LOG_LEVEL)m_nLogLevel);
     LogSetSink(&CTwinOwner::Sink, static_cast<CTwinOwner*>(&m_plain));
     m_plain.Do(stCall);
+    m_nLogLevel = g_nLogGate.load();
     if (clock.Tick() != ullAfter)
         m_strWhat = "the owners' clocks differ";
 

@@ -13,6 +13,7 @@
 #include "LockstepTwins.h"
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <random>
 #include <vector>
@@ -36,12 +37,14 @@ private:
 class CLockstepWorld
 {
 public:
-    CLockstepWorld(CLockstepChance& chance, uint64 ullTick);
+    /// How many packets a stream's buffer holds.
+    typedef std::function<size_t(uint64 ullUin, uint8 cSubType)> FnDepth;
+    CLockstepWorld(CLockstepChance& chance, uint64 ullTick, const FnDepth& fnDepth);
 
     /// The calls that begin a run.
     std::vector<tagTwinCall> Begin();
-    /// The calls of one turn, `CALL_TURN` last. While a buffer holds as many packets as that, nothing is sent.
-    std::vector<tagTwinCall> Turn(size_t nDeepest);
+    /// The calls of one turn, `CALL_TURN` last.
+    std::vector<tagTwinCall> Turn();
     /// What the receivers asked for in the last turn.
     void Asked(const std::vector<tagReplyData>& vecAsked);
 
@@ -63,10 +66,12 @@ private:
         uint32 dwMediaLeap = 0;  ///< per mille of frames before which the media time leaps
         uint32 dwWild = 0;       ///< per mille of packets with a head of any kind
         uint32 dwKnobs = 0;      ///< per mille of turns with an owner's call
+        uint32 dwModes = 0;      ///< per mille of turns that set mode and push count anew
         uint32 dwDoors = 0;      ///< per mille of turns with an owner's call from inside a callback
         uint32 dwOddClock = 0;   ///< per mille of turns whose step is odd
         uint32 dwStep = 10;      ///< ms between turns
         uint32 dwNewStreams = 0; ///< per mille of turns that bring a new sender
+        uint32 dwClears = 0;     ///< per mille of turns that clear a stream
     };
 
     struct tagSender
@@ -75,10 +80,12 @@ private:
         uint8 cSubType = 0;
         uint32 dwSeq = 0;
         uint32 dwMedia = 0;
-        uint32 dwStep = 20;   ///< ms of media per frame
-        uint32 dwCarry = 0;   ///< hundredths of ms of media not yet sent
-        uint32 dwRunLost = 0; ///< packets of the lost run still to come
-        bool bMuted = false;  ///< sends nothing this phase
+        uint32 dwStep = 20;    ///< ms of media per frame
+        uint32 dwCarry = 0;    ///< hundredths of ms of media not yet sent
+        uint32 dwRunLost = 0;  ///< packets of the lost run still to come
+        uint32 dwRagged = 0;   ///< first packets that come in any order
+        uint32 dwRaggedMs = 0; ///< within so many ms
+        bool bMuted = false;   ///< sends nothing this phase
         uint8 cGop = 0;
         uint8 cFrm = 0;
         uint32 dwGopStep = 1;
@@ -101,14 +108,21 @@ private:
     uint8 FrameType(const tagSender& st);
     tagRigPacket Packet(tagSender& st);
     void MakeWild(tagRigPacket& stPacket);
+    void FillGap(tagSender& st, uint32 dwLast, uint32 dwLost);
+    void OwnersCalls(std::vector<tagTwinCall>& vecCalls);
     tagTwinCall Knob();
+    tagTwinCall DoorCall();
+    tagTwinCall FeedNow();
     tagUDTRecvParams AnyParams();
     uint32 AnySeq();
     uint64 AnyUin();
 
     CLockstepChance& m_chance;
     uint64 m_ullNow;
+    FnDepth m_fnDepth;
     tagPhase m_stPhase;
+    uint32 m_dwLastKind = 0;
+    uint32 m_dwTurnsToStart = 0; ///< of a stopped receiver
     std::vector<tagSender> m_vecSenders;
     std::multimap<uint64, tagRigPacket> m_mapWire;
     uint32 m_dwDownSeq;

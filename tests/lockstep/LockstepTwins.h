@@ -31,7 +31,8 @@ enum emTwinCall
     CALL_DELAY,    ///< the owner's play delay from now on
     CALL_STOP,
     CALL_START,
-    CALL_LOSE_USER ///< a user's timeline goes while the streams stay
+    CALL_LOG_LEVEL, ///< LogSetLevel: which lines are written changes, what the receivers are does not
+    CALL_LOSE_USER  ///< a user's timeline goes while the streams stay
 };
 
 /// A call from inside a callback: at the `dwDoorCount`-th callback of that kind from now on.
@@ -148,6 +149,7 @@ private:
     const tagTwinSetup m_stSetup;
     CTwin<CRecvRig> m_fast;
     CTwin<plain::CPlainInside> m_plain;
+    int m_nLogLevel; ///< both begin a call at the same one, whatever it makes of it
     uint32 m_dwTurnsUnseen = 0;
     std::string m_strWhat;
 };

@@ -20,9 +20,10 @@ tagTwinCall Call(emTwinCall eCall, int64 llValue = 0, uint64 ullUin = 0)
 
 } // namespace
 
-CLockstepWorld::CLockstepWorld(CLockstepChance& chance, uint64 ullTick)
-    : m_chance(chance), m_ullNow(ullTick), m_dwDownSeq(chance.Of({1, 2, 1000, 0xFFFFFF00})),
-      m_dwUsers(chance.Of({1, 1, 2, 3})), m_bCalm(!chance.OneIn(3))
+CLockstepWorld::CLockstepWorld(CLockstepChance& chance, uint64 ullTick, const FnDepth& fnDepth)
+    : m_chance(chance), m_ullNow(ullTick), m_fnDepth(fnDepth),
+      m_dwDownSeq(chance.Of({1, 2, 1000, 0xFFFFFF00})), m_dwUsers(chance.Of({1, 1, 2, 3})),
+      m_bCalm(!chance.OneIn(3))
 {
 }
 
@@ -82,7 +83,11 @@ void CLockstepWorld::NewPhase()
     for (tagSender& stSender : m_vecSenders)
         stSender.bMuted = false;
 
-    const uint32 dwKind = m_chance.Below(100);
+    // What fills the buffers is mostly followed by a quiet stretch or an even one, so that they stay full.
+    uint32 dwKind = m_chance.Below(100);
+    if (m_dwLastKind >= 40 && m_dwLastKind < 55 && !m_chance.OneIn(3))
+        dwKind = m_chance.OneIn(2) ? 55 : m_chance.Below(20);
+    m_dwLastKind = dwKind;
     st.dwTurns = m_chance.Between(30, 400);
     st.dwAnswer = m_chance.Of({0, 300, 800, 1000});
     st.dwAnswerMs = m_chance.Of({5, 40, 120, 400, 1500});
@@ -117,6 +122,7 @@ void CLockstepWorld::NewPhase()
     {
         st.dwTurns = m_chance.Between(100, 900);
         st.dwPace = 0;
+        st.dwKnobs = m_chance.Of({0, 0, 0, 30});
     }
     else if (dwKind < 74) // some are silent
     {
@@ -131,22 +137,31 @@ void CLockstepWorld::NewPhase()
         st.dwMediaLeap = m_chance.Of({0, 2, 10});
         st.dwJitter = m_chance.Of({0, 50});
     }
-    else if (dwKind < 90) // heads of any kind
+    else if (dwKind < 87) // heads of any kind
     {
         st.dwWild = m_chance.Of({5, 50, 500});
         st.dwLoss = m_chance.Of({0, 30});
         st.dwJitter = m_chance.Of({0, 40});
         st.dwSeqLeap = m_chance.Of({0, 0, 20});
     }
+    else if (dwKind < 95) // streams come and go
+    {
+        st.dwNewStreams = m_chance.Of({30, 100});
+        st.dwClears = m_chance.Of({0, 20, 60});
+        st.dwLoss = m_chance.Of({0, 20, 100});
+        st.dwJitter = m_chance.Of({0, 40});
+    }
     else // the owner plays with everything
     {
         st.dwKnobs = m_bCalm ? 40 : 250;
         st.dwDoors = m_bCalm ? 10 : 100;
         st.dwNewStreams = 20;
-        st.dwLoss = 30;
+        st.dwLoss = m_chance.Of({30, 200});
+        st.dwModes = m_chance.Of({0, 20, 300});
         st.dwOddClock = 50;
     }
     st.dwKnobs += m_bCalm ? 1 : 10;
+    st.dwModes += 2;
     st.dwNewStreams += 1;
     st.dwOddClock += m_chance.Of({0, 0, 0, 5, 100});
     if (!m_bCalm)
@@ -186,6 +201,8 @@ void CLockstepWorld::NewSender()
     st.dwFec = m_chance.Of({0, 0, 1, 3});
     st.dwPkgs = m_chance.Of({1, 2, 4, 9});
     st.dwInGop = m_chance.OneIn(3) ? m_chance.Below(st.dwGopLen) : 0;
+    st.dwRagged = m_chance.Of({0, 2, 4, 12});
+    st.dwRaggedMs = m_chance.Of({15, 60, 300});
     m_vecSenders.push_back(st);
     if (m_chance.OneIn(2))
         Push(m_vecSenders.back());
@@ -244,8 +261,10 @@ void CLockstepWorld::SendFrame(tagSender& st)
         stPacket.stHead.cTotalPkgCount = 1;
         Send(st, stPacket);
         st.dwMedia += m_chance.OneIn(400) ? m_chance.Of({0, 40, 84, 85, 200}) : st.dwStep;
-        if (m_chance.OneIn(3000))
-            st.dwStep = m_chance.Of({5, 10, 20, 40, 60});
+        // Steps are learned anew when they are off by more than 15 ms.
+        const uint32 dwOther = st.dwStep + m_chance.Of({14, 15, 16, 0u - 14, 0u - 15, 0u - 16});
+        if (m_chance.OneIn(400) && dwOther - 1 < 120)
+            st.dwStep = dwOther;
         return;
     }
     const uint8 cType = FrameType(st);
@@ -303,11 +322,14 @@ void CLockstepWorld::Send(tagSender& st, tagRigPacket stPacket)
 {
     if (m_chance.PerMille(m_stPhase.dwSeqLeap))
     {
+        const uint32 dwLast = st.dwSeq - 1;
         st.dwSeq += m_chance.Of({1,    2,      29,     30,     31,     98,     99,     100,     101,
                                  102,  254,    255,    256,    257,    511,    512,    513,     768,
                                  1024, 0x7FFD, 0x7FFE, 0x7FFF, 0x8000, 0u - 1, 0u - 3, 0u - 300});
         if (m_chance.OneIn(30))
             st.dwSeq = AnySeq();
+        else if (m_chance.OneIn(2))
+            FillGap(st, dwLast, st.dwSeq - dwLast - 1);
     }
     if (m_chance.PerMille(m_stPhase.dwWild))
         MakeWild(stPacket);
@@ -329,11 +351,35 @@ void CLockstepWorld::Send(tagSender& st, tagRigPacket stPacket)
         return;
     }
     uint64 ullArrival = m_ullNow + m_chance.Below(m_stPhase.dwJitter + 1);
+    if (st.dwRagged != 0)
+    {
+        --st.dwRagged;
+        ullArrival += m_chance.Below(st.dwRaggedMs + 1);
+    }
     if (bHeld)
         ullArrival += m_chance.Below(m_stPhase.dwHoldMs + 1);
     OnWire(ullArrival, stPacket);
     if (m_chance.PerMille(m_stPhase.dwDouble))
         OnWire(ullArrival + m_chance.Of({0, 1, 30, 500, 6100}), stPacket);
+}
+
+// Some packets from inside a leap come later, so that it falls into parts.
+void CLockstepWorld::FillGap(tagSender& st, uint32 dwLast, uint32 dwLost)
+{
+    if (dwLost == 0 || dwLost > 2000)
+        return;
+    for (uint32 n = m_chance.Between(1, 4); n != 0; --n)
+    {
+        const uint32 dwSeq = st.dwSeq;
+        tagRigPacket stPacket = Packet(st);
+        st.dwSeq = dwSeq;
+        stPacket.dwSendSeq = dwLast + m_chance.Of({1, 1, dwLost, dwLost, 1 + m_chance.Below(dwLost)});
+        stPacket.stHead.cTotalPkgCount = 1;
+        stPacket.stHead.cFrmType = (uint8)m_chance.Below(2);
+        stPacket.stHead.cFrameIndex = st.cFrm;
+        stPacket.stHead.cGopIndex = st.cGop;
+        OnWire(m_ullNow + m_chance.Of({0, 10, 60, 200, 500, 1500}), stPacket);
+    }
 }
 
 void CLockstepWorld::OnWire(uint64 ullTick, const tagRigPacket& stPacket)
@@ -395,7 +441,7 @@ tagUDTRecvParams CLockstepWorld::AnyParams()
 
 tagTwinCall CLockstepWorld::Knob()
 {
-    switch (m_chance.Below(m_bCalm ? 11 : 16))
+    switch (m_chance.Below(m_bCalm ? 13 : 18))
     {
     case 0:
     case 1:
@@ -414,18 +460,102 @@ tagTwinCall CLockstepWorld::Knob()
     case 7: return Call(CALL_SPEED);
     case 8:
         return Call(CALL_DELAY,
-                    m_chance.OneIn(5) ? (int32)m_chance.Word() : (int32)m_chance.Of({0, 0, 20, 60, 200}));
+                    m_chance.OneIn(8) ? (int32)m_chance.Word() : (int32)m_chance.Of({0, 0, 20, 60, 200}));
     case 9: return Call(CALL_CLEAR, m_chance.Of({0, 1, 2, 2, 3, 6, 7, 0xFF, 0x102}), AnyUin());
     case 10: return Call(CALL_ROOM, m_chance.Of({3, 3, 3, 3, 0, 1, 2, 4, 0xFFFFFFFF}));
-    case 11: return Call(CALL_CLEAR, m_chance.Of({0, 1, 2, 7, 0xFF}), AnyUin());
-    case 12: return Call(CALL_ROOM, 3);
-    case 13: return Call(CALL_LOSE_USER, 0, AnyUin());
-    case 14: return m_chance.OneIn(4) ? Call(CALL_STOP) : Call(CALL_ROOM, 3);
+    case 11: return Call(CALL_ROOM, 3);
+    case 12: return Call(CALL_LOG_LEVEL, m_chance.Of({1, 4, 5, 5}));
+    case 13: return Call(CALL_CLEAR, m_chance.Of({0, 1, 2, 7, 0xFF}), AnyUin());
+    case 14: return Call(CALL_ROOM, 3);
+    case 15: return Call(CALL_LOSE_USER, 0, AnyUin());
+    case 16: return m_chance.OneIn(2) ? Call(CALL_STOP) : Call(CALL_ROOM, 3);
     default: return Call(CALL_START);
     }
 }
 
-std::vector<tagTwinCall> CLockstepWorld::Turn(size_t nDeepest)
+tagTwinCall CLockstepWorld::FeedNow()
+{
+    tagTwinCall st = Call(CALL_FEED);
+    st.stPacket = Packet(m_vecSenders[m_chance.Below((uint32)m_vecSenders.size())]);
+    st.stPacket.dwDownSeq = ++m_dwDownSeq;
+    return st;
+}
+
+// What an owner does from inside a callback.
+tagTwinCall CLockstepWorld::DoorCall()
+{
+    tagTwinCall st;
+    switch (m_chance.Below(12))
+    {
+    case 0: st = Call(CALL_TURN); break;
+    case 1:
+    case 2: st = Call(CALL_CLOCK, m_chance.Of({1, 20, 100, 101, 102, 600})); break;
+    case 3:
+    case 4: st = FeedNow(); break;
+    case 5: st = Call(CALL_ROOM, m_chance.Of({0, 1, 2, 4})); break;
+    case 6: st = Call(CALL_STOP); break;
+    case 7: st = Call(CALL_START); break;
+    default: st = Knob(); break;
+    }
+    if (st.eCall == CALL_LOSE_USER)
+        st = Call(CALL_ROOM, 3); // no walk survives that from inside
+    st.eDoor = (emTwinDoor)m_chance.Between(DOOR_RELEASE, DOOR_PARSE);
+    st.dwDoorCount = m_chance.Between(1, 12);
+    return st;
+}
+
+void CLockstepWorld::OwnersCalls(std::vector<tagTwinCall>& vecCalls)
+{
+    const auto make = [&](const tagTwinCall& st)
+    {
+        vecCalls.push_back(st);
+        if (st.eCall == CALL_STOP && m_dwTurnsToStart == 0)
+            m_dwTurnsToStart = m_chance.Of({1, 3, 30, 200});
+        // An owner who closed the room opens it again, or the run is over for the buffers.
+        if (st.eCall == CALL_ROOM && st.llValue != 3 && m_chance.OneIn(2))
+        {
+            vecCalls.push_back(Call(CALL_ROOM, 3));
+            vecCalls.back().eDoor = DOOR_PARSE;
+            vecCalls.back().dwDoorCount = m_chance.Of({20, 100, 1000});
+        }
+    };
+    if (m_dwTurnsToStart != 0 && --m_dwTurnsToStart == 0)
+    {
+        make(Call(CALL_START));
+        make(Call(CALL_ROOM, 3));
+    }
+    if (m_chance.PerMille(m_stPhase.dwKnobs))
+        make(Knob());
+    if (m_chance.PerMille(m_stPhase.dwModes))
+    {
+        tagTwinCall st = Call(CALL_PARAMS); // 0 leaves every other field but the output delay alone
+        st.params.wUdtMode = (uint16)m_chance.Below(2);
+        st.params.wPushGopNum = (uint16)m_chance.Below(4);
+        make(st);
+    }
+    if (m_chance.PerMille(m_stPhase.dwClears))
+    {
+        const tagSender& st = m_vecSenders[m_chance.Below((uint32)m_vecSenders.size())];
+        make(Call(CALL_CLEAR, st.cSubType, st.ullUin));
+    }
+    if (m_chance.PerMille(m_stPhase.dwDoors))
+        make(DoorCall());
+
+    // Packets that come in while the worker files others, and a clearing that finds them there.
+    if (m_chance.PerMille(m_stPhase.dwDoors / 2))
+    {
+        make(Call(CALL_CLEAR, m_chance.Of({1, 2, 3, 7, 0xFF}), AnyUin()));
+        for (uint32 n = m_chance.Between(1, 6); n != 0; --n)
+        {
+            tagTwinCall st = FeedNow();
+            st.eDoor = DOOR_REQUEST;
+            st.dwDoorCount = 1;
+            make(st);
+        }
+    }
+}
+
+std::vector<tagTwinCall> CLockstepWorld::Turn()
 {
     std::vector<tagTwinCall> vecCalls;
     if (m_stPhase.dwTurns == 0)
@@ -436,44 +566,29 @@ std::vector<tagTwinCall> CLockstepWorld::Turn(size_t nDeepest)
     if (m_chance.PerMille(m_stPhase.dwOddClock))
         dwMs = m_chance.Of(
             {0, 0, 1, 3, 11, 12, 13, 49, 50, 51, 100, 300, 501, 2001, 2501, 4001, 6001, 12000, 16000});
+    // The tick 0 means "not yet" in many places, so turns are made at it.
+    const uint32 dwToWrap = 0u - (uint32)m_ullNow;
+    if (dwToWrap <= dwMs && m_chance.OneIn(2))
+        dwMs = dwToWrap;
     if (m_chance.PerMille(m_stPhase.dwNewStreams))
         NewSender();
 
     for (tagSender& st : m_vecSenders)
     {
-        if (st.bMuted || nDeepest >= c_nDeepEnough)
+        if (st.bMuted)
             continue;
+        if (m_fnDepth(st.ullUin, st.cSubType) >= c_nDeepEnough)
+        {
+            // Full. One that never drains (its first packet lies far in the future) is cleared in the end.
+            if (m_chance.OneIn(400))
+                vecCalls.push_back(Call(CALL_CLEAR, st.cSubType, st.ullUin));
+            continue;
+        }
         st.dwCarry += std::min(dwMs, 300u) * m_stPhase.dwPace;
         for (; st.dwCarry >= st.dwStep * 100; st.dwCarry -= st.dwStep * 100)
             SendFrame(st);
     }
-
-    if (m_chance.PerMille(m_stPhase.dwKnobs))
-        vecCalls.push_back(Knob());
-    if (m_chance.PerMille(m_stPhase.dwDoors))
-    {
-        tagTwinCall st = Knob();
-        switch (m_chance.Below(6))
-        {
-        case 0: st = Call(CALL_TURN); break;
-        case 1:
-        case 2: st = Call(CALL_CLOCK, m_chance.Of({1, 20, 100, 101, 102, 600})); break;
-        case 3:
-            if (!m_vecSenders.empty())
-            {
-                st = Call(CALL_FEED);
-                st.stPacket = Packet(m_vecSenders[m_chance.Below((uint32)m_vecSenders.size())]);
-                st.stPacket.dwDownSeq = ++m_dwDownSeq;
-            }
-            break;
-        default: break;
-        }
-        if (st.eCall == CALL_LOSE_USER)
-            st = Call(CALL_STOP); // no walk survives that from inside
-        st.eDoor = (emTwinDoor)m_chance.Between(DOOR_RELEASE, DOOR_PARSE);
-        st.dwDoorCount = m_chance.Between(1, 12);
-        vecCalls.push_back(st);
-    }
+    OwnersCalls(vecCalls);
 
     // What is on the wire arrives at its own tick, the turn comes last.
     const uint64 ullTurn = m_ullNow + dwMs;
