@@ -74,7 +74,8 @@ if(TARGET udtlab)
     set(UDT_ZSH_FOLDER site-functions)
   endif()
   install(TARGETS udtlab RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/udtrecv COMPONENT tools)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/udtrecv COMPONENT tools
+          PATTERN "*.py" EXCLUDE)
   install(FILES ${PROJECT_SOURCE_DIR}/lab/completion/udtlab.bash RENAME udtlab
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
   install(FILES ${PROJECT_SOURCE_DIR}/lab/completion/_udtlab
