@@ -18,28 +18,28 @@
 /** Media sub-types, the second half of every stream's key. */
 enum emUDTAVType
 {
-    MEAVAudio = 1,    ///< audio: loss detection, released ahead by the owner's play delay
-    MEAVMaxVideo = 2, ///< big video: loss detection, GOP tracking
-    MEAVMinVideo = 3, ///< small video: loss detection, GOP tracking
-    MEAVVideoSingal = 4,
-    MEAVVideoSingalEx = 5,
-    MEAVPPTShare = 6, ///< screen share: buffered and played, no loss detection
-    MEAVSubVideo = 7, ///< sub video: loss detection, GOP tracking
-    MEAVCheckSpeed = 8,
-    MEAVPPTWBoardData = 9,
-    MEAVMAX = 10
+    MEAVAudio = 1,         ///< audio: loss detection, released ahead by the owner's play delay
+    MEAVMaxVideo = 2,      ///< big video: loss detection, GOP tracking
+    MEAVMinVideo = 3,      ///< small video: loss detection, GOP tracking
+    MEAVVideoSingal = 4,   ///< buffered and played, no loss detection
+    MEAVVideoSingalEx = 5, ///< buffered and played, no loss detection
+    MEAVPPTShare = 6,      ///< screen share: buffered and played, no loss detection
+    MEAVSubVideo = 7,      ///< sub video: loss detection, GOP tracking
+    MEAVCheckSpeed = 8,    ///< buffered and played, no loss detection
+    MEAVPPTWBoardData = 9, ///< whiteboard: buffered and played, no loss detection
+    MEAVMAX = 10           ///< one above the last
 };
 
 /** Frame types of the media head. A buffered packet whose type is not known holds 255. */
 enum emUDTFrameType
 {
-    def_FrameType_I = 0, ///< key frame
-    def_FrameType_P = 1,
-    def_FrameType_P_WITHSP = 2,
-    def_FrameType_SP = 3,
-    def_FrameType_GF = 4,
-    def_FrameType_P_WITHB = 5,
-    def_FrameType_B = 6
+    def_FrameType_I = 0,        ///< key frame
+    def_FrameType_P = 1,        ///< P frame
+    def_FrameType_P_WITHSP = 2, ///< P frame with SP
+    def_FrameType_SP = 3,       ///< SP frame
+    def_FrameType_GF = 4,       ///< golden frame
+    def_FrameType_P_WITHB = 5,  ///< P frame with B
+    def_FrameType_B = 6         ///< B frame
 };
 
 /** Events that the receiver raises through `UdtRecvHandleEvent`. */

@@ -1,3 +1,4 @@
+/// @file
 /// From RTP and RTCP datagrams to what the receiver takes.
 ///
 /// A capture is read twice: the first reading learns (CNAMEs, payload formats, sender reports, RTX pairs, which
@@ -39,9 +40,11 @@
 
 class CRtpIntakeImpl;
 
+/// RTP and RTCP datagrams in, packets for the receiver and observations out. How: see the head of this file.
 class CRtpIntake
 {
 public:
+    /// The options are copied.
     explicit CRtpIntake(const tagRtpOptions& stOptions = tagRtpOptions());
     ~CRtpIntake();
     CRtpIntake(const CRtpIntake&) = delete;
@@ -67,7 +70,9 @@ public:
 
     /// Streams are numbered from 0 in order of their first packet; a number stays for the intake's life.
     uint32 StreamCount() const;
+    /// Who a stream is, what it carries, and its figures so far.
     tagRtpStreamInfo Stream(uint32 dwStream) const;
+    /// Figures of the run so far.
     const tagRtpTotals& Totals() const;
 
     /// One line for each thing that was guessed or detected, for people:

@@ -16,14 +16,16 @@
 /// A transport address. Family 0 means not known (a capture form that has none).
 struct tagRtpAddr
 {
-    uint8 cFamily = 0; ///< 0, 4 or 6
-    std::array<uint8, 16> aAddr{};
-    uint16 wPort = 0;
+    uint8 cFamily = 0;             ///< 0, 4 or 6
+    std::array<uint8, 16> aAddr{}; ///< network order; IPv4 in the first four bytes
+    uint16 wPort = 0;              ///< UDP port
 
+    /// Same family, address and port.
     bool operator==(const tagRtpAddr& stOther) const
     {
         return cFamily == stOther.cFamily && aAddr == stOther.aAddr && wPort == stOther.wPort;
     }
+    /// By family, then address, then port.
     bool operator<(const tagRtpAddr& stOther) const;
     std::string Text() const; ///< "10.0.0.1:5004", "[fe80::1]:5004", "-" when not known
 };
@@ -31,9 +33,9 @@ struct tagRtpAddr
 /// One UDP datagram as it was taken from a capture or a socket. The bytes are borrowed for the call.
 struct tagRtpDatagram
 {
-    uint64 ullArrivalUs = 0;
-    tagRtpAddr stSrc;
-    tagRtpAddr stDst;
+    uint64 ullArrivalUs = 0;      ///< when it arrived, microseconds since any epoch
+    tagRtpAddr stSrc;             ///< where it came from
+    tagRtpAddr stDst;             ///< where it went to
     const uint8* pData = nullptr; ///< the UDP payload
     uint32 dwCaptured = 0;        ///< bytes at pData
     uint32 dwWire = 0;            ///< bytes that were on the wire; more than dwCaptured in a cut capture
@@ -51,19 +53,19 @@ struct tagRtpMedia
     uint32 dwSeq = 0;      ///< number on this downlink, 2 or more; packets known lost leave holes
     uint16 wTimeStamp = 0; ///< low 16 bits of stHead.uTimeStamp
     uint8 cSubType = 0;    ///< 1 audio, 2 video (7, 3 for a user's second and third video)
-    tagUdtPacketHeadInfo stHead;
-    uint16 wLen = 0; ///< media payload bytes, as they were on the wire
+    tagUdtPacketHeadInfo stHead; ///< the media head, for `UdtParsePacketHeadInfo`
+    uint16 wLen = 0;             ///< media payload bytes, as they were on the wire
 
     // What it was on the wire
-    uint32 dwStream = 0; ///< index of its stream, for CRtpIntake::Stream
-    uint64 ullArrivalUs = 0;
-    tagRtpAddr stSrc;
-    tagRtpAddr stDst;
-    uint32 dwSsrc = 0;
-    uint8 cPt = 0;
-    uint16 wRtpSeq = 0;
-    uint32 dwRtpTs = 0;
-    bool bMarker = false;
+    uint32 dwStream = 0;       ///< index of its stream, for CRtpIntake::Stream
+    uint64 ullArrivalUs = 0;   ///< when it arrived, microseconds since any epoch
+    tagRtpAddr stSrc;          ///< where it came from
+    tagRtpAddr stDst;          ///< where it went to
+    uint32 dwSsrc = 0;         ///< RTP synchronisation source
+    uint8 cPt = 0;             ///< RTP payload type
+    uint16 wRtpSeq = 0;        ///< RTP sequence
+    uint32 dwRtpTs = 0;        ///< RTP timestamp
+    bool bMarker = false;      ///< RTP marker bit
     bool bByRtx = false;       ///< it came as an RTX answer (RFC 4588)
     bool bDuplicate = false;   ///< this sequence of the stream was handed out before
     bool bKeyMark = false;     ///< this packet itself carries a key-frame mark
@@ -91,24 +93,24 @@ enum emRtpDrop
     RTP_DROP_RTX_PADDING,      ///< RTX without a payload: bandwidth probing
     RTP_DROP_RTX_UNKNOWN,      ///< RTX whose original stream is not known
     RTP_DROP_FEC,              ///< FEC in a stream of its own, which is not played
-    RTP_DROP_COUNT
+    RTP_DROP_COUNT             ///< number of reasons
 };
 const char* RtpDropText(emRtpDrop eReason); ///< a stable name, e.g. "rtp-short"
 
 /// What a payload type means.
 enum emRtpKind
 {
-    RTP_KIND_UNKNOWN = 0,
-    RTP_KIND_AUDIO,
-    RTP_KIND_VIDEO,
-    RTP_KIND_RTX,
-    RTP_KIND_FEC
+    RTP_KIND_UNKNOWN = 0, ///< not known
+    RTP_KIND_AUDIO,       ///< audio
+    RTP_KIND_VIDEO,       ///< video
+    RTP_KIND_RTX,         ///< retransmissions (RFC 4588)
+    RTP_KIND_FEC          ///< forward error correction
 };
 
 /// A payload format: from RFC 3551, from the user or guessed.
 struct tagRtpFormat
 {
-    emRtpKind eKind = RTP_KIND_UNKNOWN;
+    emRtpKind eKind = RTP_KIND_UNKNOWN; ///< audio, video or what repairs them
     std::string strCodec; ///< "H264", "opus", "PCMU"...; "audio" or "video" when only that much is known
     uint32 dwClock = 0;   ///< Hz, 0 not known
     int nApt = -1;        ///< RTX: the payload type it repeats; -1 not known
@@ -126,106 +128,107 @@ struct tagRtpOptions
     std::map<uint8, tagRtpFormat> mapFormats; ///< by payload type; goes before every guess
     int nTransportSeqId = -1;            ///< RFC 8285 id of the transport-wide sequence; -1: detect, 0: never
     std::map<uint32, uint32> mapRtxSsrc; ///< RTX SSRC to original SSRC, where the user knows it
-    uint32 dwLookAheadPackets = 512;
-    uint32 dwLookAheadMs = 1000;
-    uint32 dwMaxStreams = 1024;
-    uint32 dwMaxCandidates = 256; ///< SSRCs on probation, the oldest is forgotten first
-    uint32 dwMaxEvents = 65536;   ///< feedback events kept until taken, the oldest is dropped first
+    uint32 dwLookAheadPackets = 512;     ///< packets that an unfinished frame waits for at most
+    uint32 dwLookAheadMs = 1000;         ///< ms that it waits at most
+    uint32 dwMaxStreams = 1024;          ///< further streams are dropped
+    uint32 dwMaxCandidates = 256;        ///< SSRCs on probation, the oldest is forgotten first
+    uint32 dwMaxEvents = 65536;          ///< feedback events kept until taken, the oldest is dropped first
 };
 
 /// An RTCP observation, in arrival order.
 enum emRtpEvent
 {
-    RTP_EVENT_SR = 0,
-    RTP_EVENT_RR,
-    RTP_EVENT_CNAME, ///< an SSRC's CNAME seen for the first time or changed
-    RTP_EVENT_BYE,
-    RTP_EVENT_NACK,
-    RTP_EVENT_PLI
+    RTP_EVENT_SR = 0, ///< sender report
+    RTP_EVENT_RR,     ///< a block of a receiver report
+    RTP_EVENT_CNAME,  ///< an SSRC's CNAME seen for the first time or changed
+    RTP_EVENT_BYE,    ///< a source left
+    RTP_EVENT_NACK,   ///< generic NACK
+    RTP_EVENT_PLI     ///< picture loss indication
 };
+/// One observation; which fields hold depends on `eType`.
 struct tagRtpEvent
 {
-    emRtpEvent eType = RTP_EVENT_SR;
-    uint64 ullArrivalUs = 0;
-    uint32 dwSenderSsrc = 0;        ///< who sent the report
-    uint32 dwMediaSsrc = 0;         ///< RR block, NACK, PLI: whom it is about; else the sender
-    int nStream = -1;               ///< index of the media SSRC's stream, -1 when none is known (yet)
-    std::vector<uint16> vecRtpSeq;  ///< NACK: the sequences asked for
-    std::vector<uint32> vecSendSeq; ///< NACK: the same, unwrapped like dwSendSeq; empty without a stream
-    std::string strCname;
-    uint64 ullNtp = 0;    ///< SR: NTP time, 32.32
-    uint32 dwRtpTs = 0;   ///< SR
-    uint32 dwPackets = 0; ///< SR: sender's packet count
-    uint32 dwOctets = 0;  ///< SR
-    uint8 cFraction = 0;  ///< RR block: 1/256
-    int32 nLost = 0;      ///< RR block: cumulative, signed
-    uint32 dwHighSeq = 0; ///< RR block
-    uint32 dwJitter = 0;  ///< RR block: RTP ticks
-    uint32 dwLsr = 0;     ///< RR block: 1/65536 s
-    uint32 dwDlsr = 0;    ///< RR block: 1/65536 s
+    emRtpEvent eType = RTP_EVENT_SR; ///< which of them
+    uint64 ullArrivalUs = 0;         ///< when it arrived, microseconds since any epoch
+    uint32 dwSenderSsrc = 0;         ///< who sent the report
+    uint32 dwMediaSsrc = 0;          ///< RR block, NACK, PLI: whom it is about; else the sender
+    int nStream = -1;                ///< index of the media SSRC's stream, -1 when none is known (yet)
+    std::vector<uint16> vecRtpSeq;   ///< NACK: the sequences asked for
+    std::vector<uint32> vecSendSeq;  ///< NACK: the same, unwrapped like dwSendSeq; empty without a stream
+    std::string strCname;            ///< CNAME: the name
+    uint64 ullNtp = 0;               ///< SR: NTP time, 32.32
+    uint32 dwRtpTs = 0;              ///< SR
+    uint32 dwPackets = 0;            ///< SR: sender's packet count
+    uint32 dwOctets = 0;             ///< SR
+    uint8 cFraction = 0;             ///< RR block: 1/256
+    int32 nLost = 0;                 ///< RR block: cumulative, signed
+    uint32 dwHighSeq = 0;            ///< RR block
+    uint32 dwJitter = 0;             ///< RR block: RTP ticks
+    uint32 dwLsr = 0;                ///< RR block: 1/65536 s
+    uint32 dwDlsr = 0;               ///< RR block: 1/65536 s
 };
 
 /// Figures of one SSRC in the capture, before any receiver. RTX answers never count in the stream they repair.
 struct tagRtpStat
 {
-    uint64 ullPackets = 0;
-    uint64 ullBytes = 0;  ///< of RTP packets, headers included
-    uint64 ullFrames = 0; ///< distinct RTP timestamps
-    uint64 ullUnique = 0;
-    uint64 ullExpected = 0; ///< highest minus lowest sequence plus 1
-    uint64 ullLost = 0;     ///< expected minus unique
-    uint64 ullLossBursts = 0;
-    uint64 ullLongestBurst = 0;
-    uint64 ullDuplicates = 0;
-    uint64 ullReordered = 0;   ///< arrived below the highest sequence so far
-    uint32 dwReorderDepth = 0; ///< largest distance below it, packets
-    double dJitterMs = 0;      ///< RFC 3550 6.4.1, at the end
-    double dJitterMaxMs = 0;
-    uint64 ullFirstUs = 0;
-    uint64 ullLastUs = 0;
+    uint64 ullPackets = 0;      ///< copies included
+    uint64 ullBytes = 0;        ///< of RTP packets, headers included
+    uint64 ullFrames = 0;       ///< distinct RTP timestamps
+    uint64 ullUnique = 0;       ///< without copies
+    uint64 ullExpected = 0;     ///< highest minus lowest sequence plus 1
+    uint64 ullLost = 0;         ///< expected minus unique
+    uint64 ullLossBursts = 0;   ///< runs of lost packets
+    uint64 ullLongestBurst = 0; ///< packets of the longest of them
+    uint64 ullDuplicates = 0;   ///< copies
+    uint64 ullReordered = 0;    ///< arrived below the highest sequence so far
+    uint32 dwReorderDepth = 0;  ///< largest distance below it, packets
+    double dJitterMs = 0;       ///< RFC 3550 6.4.1, at the end
+    double dJitterMaxMs = 0;    ///< the largest it ever was
+    uint64 ullFirstUs = 0;      ///< arrival of the first packet
+    uint64 ullLastUs = 0;       ///< arrival of the last packet
     uint64 ullLongestGapUs = 0; ///< between arrivals
-    bool bDelays = false; ///< the quantiles below hold: arrival minus RTP time, relative to the smallest
-    uint32 dwDelayP50Ms = 0;
-    uint32 dwDelayP95Ms = 0;
-    uint32 dwDelayP99Ms = 0;
-    uint32 dwDelayMaxMs = 0;
+    bool bDelays = false;    ///< the quantiles below hold: arrival minus RTP time, relative to the smallest
+    uint32 dwDelayP50Ms = 0; ///< median
+    uint32 dwDelayP95Ms = 0; ///< 95 of 100 were no later
+    uint32 dwDelayP99Ms = 0; ///< 99 of 100 were no later
+    uint32 dwDelayMaxMs = 0; ///< the latest
 };
 
 /// One stream: who, what, and its figures.
 struct tagRtpStreamInfo
 {
-    uint32 dwSsrc = 0;
-    tagRtpAddr stSrc; ///< of its first packet
-    tagRtpAddr stDst;
-    uint64 llAccount = 0; ///< 0 for an RTX or FEC stream
-    uint8 cSubType = 0;   ///< 0 for an RTX or FEC stream
-    std::string strCname; ///< empty when none was heard
-    uint8 cPt = 0;
-    tagRtpFormat stFormat;
-    bool bGuessed = false;     ///< kind, codec or clock is a guess
-    bool bPlacedBySr = false;  ///< on its user's timeline by sender reports, else by first arrival
-    int nRtxOf = -1;           ///< RTX: index of the stream it repairs
-    uint64 ullRtxPackets = 0;  ///< RTX answers for this stream
-    uint64 ullRtxRepaired = 0; ///< of these, packets that the capture did not have before
-    uint64 ullNacks = 0;       ///< NACK messages about this stream
-    uint64 ullNackedSeqs = 0;  ///< sequences in them
-    uint64 ullPlis = 0;
-    uint64 ullSenderReports = 0;
+    uint32 dwSsrc = 0;             ///< RTP synchronisation source
+    tagRtpAddr stSrc;              ///< of its first packet
+    tagRtpAddr stDst;              ///< where it went to
+    uint64 llAccount = 0;          ///< 0 for an RTX or FEC stream
+    uint8 cSubType = 0;            ///< 0 for an RTX or FEC stream
+    std::string strCname;          ///< empty when none was heard
+    uint8 cPt = 0;                 ///< RTP payload type
+    tagRtpFormat stFormat;         ///< what the payload is
+    bool bGuessed = false;         ///< kind, codec or clock is a guess
+    bool bPlacedBySr = false;      ///< on its user's timeline by sender reports, else by first arrival
+    int nRtxOf = -1;               ///< RTX: index of the stream it repairs
+    uint64 ullRtxPackets = 0;      ///< RTX answers for this stream
+    uint64 ullRtxRepaired = 0;     ///< of these, packets that the capture did not have before
+    uint64 ullNacks = 0;           ///< NACK messages about this stream
+    uint64 ullNackedSeqs = 0;      ///< sequences in them
+    uint64 ullPlis = 0;            ///< picture loss indications about this stream
+    uint64 ullSenderReports = 0;   ///< sender reports of this stream
     uint64 ullReceiverReports = 0; ///< report blocks about this stream
-    bool bBye = false;
-    tagRtpStat stStat;
+    bool bBye = false;             ///< it said BYE
+    tagRtpStat stStat;             ///< its figures
 };
 
 /// Figures of a whole run.
 struct tagRtpTotals
 {
-    uint64 ullDatagrams = 0;
-    uint64 ullRtp = 0;
-    uint64 ullRtcp = 0; ///< datagrams
-    uint64 ullMedia = 0;
-    std::array<uint64, RTP_DROP_COUNT> aDrops{};
-    std::array<uint64, 256> aRtcpTypes{}; ///< RTCP packets by type, every part of a compound
-    uint64 ullEventsDropped = 0;
+    uint64 ullDatagrams = 0;                     ///< all that were pushed
+    uint64 ullRtp = 0;                           ///< RTP packets
+    uint64 ullRtcp = 0;                          ///< datagrams
+    uint64 ullMedia = 0;                         ///< packets handed out
+    std::array<uint64, RTP_DROP_COUNT> aDrops{}; ///< datagrams dropped, by `emRtpDrop`
+    std::array<uint64, 256> aRtcpTypes{};        ///< RTCP packets by type, every part of a compound
+    uint64 ullEventsDropped = 0;                 ///< feedback that nobody took in time
 };
 
 #endif // RTP_TYPES_H

@@ -75,12 +75,14 @@ enum emVidPFrmPhase
 /** Names a stream: a user account and a media sub-type. Ordered by account, then sub-type. */
 struct tagInPktKey
 {
-    uint64 ullUserAccount;
-    uint8 cSubType; ///< `emUDTAVType`
+    uint64 ullUserAccount; ///< the user
+    uint8 cSubType;        ///< `emUDTAVType`
 
     tagInPktKey() : ullUserAccount(0), cSubType(0) {}
+    /// The stream of that user and sub-type.
     tagInPktKey(uint64 ullAccount, uint8 cType) : ullUserAccount(ullAccount), cSubType(cType) {}
 
+    /// By account, then sub-type.
     bool operator<(const tagInPktKey& stOther) const
     {
         if (ullUserAccount != stOther.ullUserAccount)
@@ -117,12 +119,13 @@ struct tagDataPacket
     uint32 dwTimeStamp; ///< media timestamp of the parsed head, ms
     uint64 llAccount;   ///< user account
     uint32 dwSeq;       ///< downlink transport sequence; traces and downlink loss only
+    /// the packet object; null when a null packet was handed in
     CScopePtr<UDTCodecBaseDecode_V2> pRawData;
-    uint32 dwRecvTime;   ///< tick of intake
-    uint8 cSubType;      ///< `emUDTAVType`
-    uint8 cPrePkgLost;   ///< packets missing just before this one, modulo 256
-    uint8 cIsFrmLastPkg; ///< 1: last data packet of its frame
-    uint8 cGopIdx;
+    uint32 dwRecvTime;        ///< tick of intake
+    uint8 cSubType;           ///< `emUDTAVType`
+    uint8 cPrePkgLost;        ///< packets missing just before this one, modulo 256
+    uint8 cIsFrmLastPkg;      ///< 1: last data packet of its frame
+    uint8 cGopIdx;            ///< index of the GOP, wraps
     uint8 cFrmIdx;            ///< 255 until the head is known
     uint8 cPkgIndex;          ///< index inside the frame
     uint8 cFrmType;           ///< `emUDTFrameType`, 255 until the head is known
