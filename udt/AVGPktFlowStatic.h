@@ -3,11 +3,11 @@
 #define AVGPKTFLOWSTATIC_H
 
 #include "AVGUDTSeq.h"
+#include "AVGUDTSeqMap.h"
 #include "xptypes.h"
-#include <map>
 
 // Runs of missing sequences: first missing sequence -> number of consecutive missing ones.
-typedef std::map<uint32, uint32> SeqMap;
+typedef CUdtSeqMap<uint32> SeqMap;
 
 // The counts of one closed interval.
 struct tagPktStat

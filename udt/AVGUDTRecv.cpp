@@ -132,6 +132,20 @@ void CAVGUdtRecv::Run()
     EndRun();
 }
 
+// Memory that runs out costs this step, not the owner's process.
+template <void (CAVGUdtRecv::*pfnStep)()>
+void CAVGUdtRecv::GuardedStep(const char* pszOper)
+{
+    try
+    {
+        (this->*pfnStep)();
+    }
+    catch (const std::bad_alloc&)
+    {
+        RECV_LOG(LOG_LEVEL_FAULT, pszOper, "out of memory, the step is cut short");
+    }
+}
+
 void CAVGUdtRecv::RunTurn()
 {
     if (!BeginTurn())
@@ -144,10 +158,10 @@ void CAVGUdtRecv::RunTurn()
             ~tagOpenTurn() { recv.EndTurn(); }
         } stOpenTurn{*this};
 
-        GuardedStep(&CAVGUdtRecv::Deliver, "Deliver");
-        GuardedStep(&CAVGUdtRecv::OutPacket, "OutPacket");
-        GuardedStep(&CAVGUdtRecv::CheckTimeOutNew, "CheckTimeOutNew");
-        GuardedStep(&CAVGUdtRecv::CalcStatInfo, "CalcStatInfo");
+        GuardedStep<&CAVGUdtRecv::Deliver>("Deliver");
+        GuardedStep<&CAVGUdtRecv::OutPacket>("OutPacket");
+        GuardedStep<&CAVGUdtRecv::CheckTimeOutNew>("CheckTimeOutNew");
+        GuardedStep<&CAVGUdtRecv::CalcStatInfo>("CalcStatInfo");
     }
     if (IsOwnerDriven())
         FinishStop();
@@ -167,19 +181,6 @@ void CAVGUdtRecv::FinishStop()
     if (m_bStoppedInTurn.Exchange(FALSE) != FALSE)
         EndRun();
     EndTurn();
-}
-
-// Memory that runs out costs this step, not the owner's process.
-void CAVGUdtRecv::GuardedStep(void (CAVGUdtRecv::*pfnStep)(), const char* pszOper)
-{
-    try
-    {
-        (this->*pfnStep)();
-    }
-    catch (const std::bad_alloc&)
-    {
-        RECV_LOG(LOG_LEVEL_FAULT, pszOper, "out of memory, the step is cut short");
-    }
 }
 
 // What follows the last turn.
@@ -220,12 +221,14 @@ void CAVGUdtRecv::Clear()
     // Swapped out under the locks, destroyed after them: dropping the last reference to a packet runs its
     // maker's code, which may well call in here.
     std::list<tagDataPacket> listRawData;
+    std::list<tagDataPacket> listSpare;
     MapUinInPkt mapUinInPkt;
     MapUinPkgRingParam mapUinPkgRingParam;
     MapUinDataInfo mapUinDataInfo;
     {
         CXPAutoLock lock(m_dataLock);
         listRawData.swap(m_listRawData);
+        listSpare.swap(m_listSpare);
         mapUinPkgRingParam.swap(m_mapUinPkgRingParam);
         CXPAutoLock lockStreams(m_lockStreams);
         mapUinDataInfo.swap(m_mapUinDataInfo);
@@ -356,6 +359,8 @@ void CAVGUdtRecv::SetRoomState(uint32 dwRoomState)
 // Worker: tells the streams a new timeline delta.
 void CAVGUdtRecv::ApplyTimelineDelta()
 {
+    if (!ChangeRaised(m_dwUdtParamsChanged, PARAM_TIMELINE_DELTA))
+        return; // the usual case, without the lock
     CXPAutoLock lock(m_paramlock);
     if (!ChangeRaised(m_dwUdtParamsChanged, PARAM_TIMELINE_DELTA))
         return;
@@ -370,6 +375,8 @@ void CAVGUdtRecv::ApplyTimelineDelta()
 // Worker: a switch into low latency drops every user's backlog to the upper bound at once.
 void CAVGUdtRecv::UdtModeProcessNew()
 {
+    if (!ChangeRaised(m_dwUdtParamsChanged, PARAM_MODE))
+        return;
     uint32 dwIsLowDelayMode = 0;
     {
         CXPAutoLock lock(m_paramlock);
@@ -416,6 +423,8 @@ void CAVGUdtRecv::ClearRecvChn(uint64 llAccount, uint32 dwIsClearAll)
 // Worker: carries out what was asked since the last turn.
 void CAVGUdtRecv::ApplyClearRequest()
 {
+    if (m_dwClearRequest == 0)
+        return;
     {
         CXPAutoLock lock(m_paramlock);
         if (m_dwClearRequest == 0)
@@ -458,7 +467,8 @@ void CAVGUdtRecv::ClearChnParam()
         // with packets still waiting there starts anew from them on the next turn.
         takeOut([ullUin](const tagDataPacket& stPkt)
                 { return stPkt.llAccount == ullUin && stPkt.cSubType == MEAVMaxVideo; });
-        const MapUinInPkt::iterator it = m_mapUinInPkt.find(tagInPktKey(ullUin, (uint8)m_dwClearRequest));
+        const MapUinInPkt::iterator it =
+            m_mapUinInPkt.find(tagInPktKey(ullUin, (uint8)m_dwClearRequest.Get()));
         if (it != m_mapUinInPkt.end())
             EraseStream(it);
         m_listClearUin.pop_front();
@@ -481,9 +491,10 @@ void CAVGUdtRecv::ClearUselessData(uint64 ullAcount, uint32 uTimeOut)
     {
         if (stStream.first.ullUserAccount != ullAcount)
             continue;
-        MapUdtPacket& pkgList = stStream.second.mapUdtPacket;
-        for (MapUdtPacket::iterator it = pkgList.begin(); it != pkgList.end();)
-            it = it->second.dwMETimeStamp > uTimeOut ? pkgList.erase(it) : std::next(it);
+        for (tagPktNode* pNode = stStream.second.mapUdtPacket.Head(); pNode != nullptr;)
+            pNode =
+                pNode->Pkt().dwMETimeStamp > uTimeOut ? UnbufferPacket(stStream.second, pNode) : pNode->pNext;
+        stStream.second.stTrack.Forget();
     }
 }
 

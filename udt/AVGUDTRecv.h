@@ -91,7 +91,8 @@ private:
     bool IsInsideTurn() const;
     bool AwaitWorker();
     void ResetStopCounters();
-    void GuardedStep(void (CAVGUdtRecv::*pfnStep)(), const char* pszOper);
+    template <void (CAVGUdtRecv::*pfnStep)()>
+    void GuardedStep(const char* pszOper);
 
     // ---- Settings and clearing (AVGUDTRecv.cpp) --------------------------------------------------------
     void UdtModeProcessNew();
@@ -107,31 +108,60 @@ private:
     void EraseUser(uint64 ullAccount);
 
     // ---- Intake (AVGUDTRecvIntake.cpp) -----------------------------------------------------------------
+    enum emHandle
+    {
+        HANDLE_COPY, ///< the caller keeps his packet
+        HANDLE_TAKE  ///< a packet that is buffered takes the caller's reference along
+    };
     void Deliver();
+    void HandleRawData(std::list<tagDataPacket>& listRawData);
     void CalcLostInfo();
     void OnDataHandleNew(tagDataPacket& dataPacket);
+    void HandleData(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo, tagDataPacket& dataPacket,
+                    emHandle eHandle, uint32 dwNow);
+    static void BufferPacket(tagUinDataBuf& stUinDataBuf, tagPktNode* pBefore, tagDataPacket& dataPacket,
+                             emHandle eHandle);
     bool CheckDuplicate(tagUinDataBuf& stUinDataBuf, uint32 dwSeq);
+    bool CheckDuplicate(tagUinDataBuf& stUinDataBuf, uint32 dwSeq, uint32 dwTimeNow);
     MapUinInPkt::iterator FindOrCreateStream(const tagDataPacket& dataPacket);
-    void CheckSyncTimeOut(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo);
+    void CheckSyncTimeOut(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo, uint32 dwNow);
     void TakeRequestAnswer(tagUinDataBuf& stUinDataBuf, const tagDataPacket& dataPacket);
     void CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo,
-                        const tagDataPacket& dataPacket);
+                        const tagDataPacket& dataPacket, uint32 dwNow);
 
     // ---- GOPs and losses (AVGUDTRecvLoss.cpp) ----------------------------------------------------------
     int32 CalcVidGopInfo(tagUinDataBuf& stUinDataBuf, tagDataPacket& stDataPacket);
     void BeginVidGop(tagUinDataBuf& stUinDataBuf, const tagDataPacket& stDataPacket);
     uint32 MarkFirstIFrm(tagUinDataBuf& stUinDataBuf);
     uint32 CalcAudLostInfo(tagUinDataBuf& stUinDataBuf);
+    void WalkAudLoss(tagUinDataBuf& stUinDataBuf);
+    bool FollowAudLoss(tagUinDataBuf& stUinDataBuf);
+    static void MarkAudLoss(tagUinTrack& stTrack, tagPktNode* pPre, tagPktNode* pCur);
+    static void RecountAudSteps(tagUinDataBuf& stUinDataBuf);
+    static bool LearnAudStep(tagUinDataBuf& stUinDataBuf, const tagAudSteps& stSteps);
     uint32 CalcVidLostInfo(tagUinDataBuf& stUinDataBuf);
-    void MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagDataPacket& stCur,
-                     std::vector<uint32>& lossSeqVec);
+    uint32 WalkVidLoss(tagUinDataBuf& stUinDataBuf);
+    bool IsVidFollowable(const tagUinDataBuf& stUinDataBuf) const;
+    uint32 FollowVidLoss(tagUinDataBuf& stUinDataBuf);
+    bool StepVidWalk(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagPktNode* pCur, uint32& dwErrCnt);
+    bool MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagDataPacket& stCur);
     uint32 LostAcrossFrames(const tagUinDataBuf& stUinDataBuf, const tagVidWalk& stWalk,
-                            const tagDataPacket& stCur, uint32 dwLost);
+                            const tagDataPacket& stCur, uint32 dwLost, bool& bSilent);
+    bool IsServerPushing(const tagUinDataBuf& stUinDataBuf) const
+    {
+        return m_dwServPushGopNum >= stUinDataBuf.dwVidGopCnt;
+    }
+    tagUinTrack& TrackOf(tagUinDataBuf& stUinDataBuf);
+    void SettleLossWalk(tagUinDataBuf& stUinDataBuf) const;
+    bool IsLossSettled(const tagUinDataBuf& stUinDataBuf) const;
 
     // ---- Requests (AVGUDTRecvRequest.cpp) --------------------------------------------------------------
     void CheckTimeOutNew();
     uint32 FirstRequestDelay(uint32 dwNow);
+    void BeginLossRequest();
     void CollectDueGaps(uint32 dwNow, const tagRequestTiming& stTiming, MapUinSeq& mapUinPacketIdx);
+    void CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
+                           const tagRequestTiming& stTiming, std::vector<uint32>& lossSeqVector);
     void Housekeep(uint32 dwNow);
     void FoldLossCounters(uint8 cSubType, tagUinDataBuf& stUinDataBuf);
     MapUinInPkt::iterator ExpireStream(MapUinInPkt::iterator itStream);
@@ -142,6 +172,7 @@ private:
     // ---- Playout (AVGUDTRecvPlayout.cpp) ---------------------------------------------------------------
     void OutPacket();
     void CalcTimelineMaxMin(tagDataPacket& dataPacket);
+    void MoveBand(tagUinDataInfo& stInfo, const tagDataPacket& dataPacket, uint32 dwNow);
     void CalcTimelineOutNew(uint64 ullAcount, tagUinDataInfo& stUinDataInfo);
     uint32 FindTimeStampJump(uint64 ullAcount, uint32 uTimelineOut);
     uint32 OutPutDelay(tagUinDataBuf& stUinDataBuf);
@@ -151,7 +182,7 @@ private:
     void OutVideoStatInfo(tagUinDataBuf& stUinDataBuf, tagDataPacket& dataPacket);
     void CountOutIFrm(tagUinDataBuf& stUinDataBuf, const tagDataPacket& dataPacket);
     MapUinInPkt::iterator GetAVMapUinPair(uint64 llAccount, uint32 dwCurSubType);
-    bool SkipAtBeginning(tagUinDataBuf& stUinDataBuf, MapUdtPacket::iterator& itPacket);
+    bool SkipAtBeginning(tagUinDataBuf& stUinDataBuf, tagPktNode*& pNode);
     tagUinDataInfo* StartClock(tagUinDataBuf& stUinDataBuf, const char* pszOper);
     int HandOutPacket(const tagDataPacket& dataPacket);
     bool IsLowLatency() const { return (m_dwUdtRecvMode & c_dwModeLowLatency) != 0; }
@@ -197,9 +228,9 @@ private:
     shared_uint32 m_dwTimelineDelta;              // [F] ms, written under m_paramlock
     shared_uint32 m_dwUdtRecvMode;                // [F] written under m_paramlock
     shared_uint32 m_dwOutputDelay;                // [F] ms, written under m_paramlock
-    uint32 m_dwUdtParamsChanged;                  // [P] one flag per byte, emParamChange
+    shared_uint32 m_dwUdtParamsChanged;           // [P] one flag per byte, emParamChange
     CXPLock m_paramlock;                          // guards [P]
-    uint32 m_dwClearRequest;                      // [P] 0: none
+    shared_uint32 m_dwClearRequest;               // [P] 0: none
     std::list<uint64> m_listClearUin;             // [P] accounts to clear
     shared_uint32 m_dwRoomLogicState;             // [F]
     MapUinDataInfo m_mapUinDataInfo;              // [W] one timeline per user
@@ -236,9 +267,15 @@ private:
     // code of its maker.
     std::list<MapUinInPkt::node_type> m_listClearedStreams; // [W]
     std::list<tagDataPacket> m_listClearedData;             // [W]
-    const tagDataPacket* m_pstReleasing;                    // [W] lent to the owner right now
-    shared_boolean m_bInTurn;                               // [F] 1: inside RunTurn
-    shared_boolean m_bStoppedInTurn; // [F] 1: stopped, and the end of the run is still to be written
+    // Used again and again, so that a turn allocates nothing.
+    std::list<tagDataPacket> m_listSpare; // [D] emptied nodes of m_listRawData
+    std::list<tagDataPacket> m_listTaken; // [W] what this turn took from there, or its nodes
+    MapUinSeq m_mapLost;                  // [W] the request being gathered; its vectors are empty in between
+    std::vector<uint32> m_vecIFrmLost;    // [W] of the I frame being walked
+    std::vector<tagReplyData> m_vecReply; // [W] the message being sent
+    const tagDataPacket* m_pstReleasing;  // [W] lent to the owner right now
+    shared_boolean m_bInTurn;             // [F] 1: inside RunTurn
+    shared_boolean m_bStoppedInTurn;      // [F] 1: stopped, and the end of the run is still to be written
 };
 
 #endif // AVGUDTRECV_H

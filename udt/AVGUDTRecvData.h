@@ -9,6 +9,8 @@
 
 #include "AVGPktFlowStatic.h"
 #include "AVGUDTCodec.h"
+#include "AVGUDTPktMap.h"
+#include "AVGUDTSeqMap.h"
 #include "IUDT.h"
 #include "IUDTInside.h"
 #include "xpatomic.h"
@@ -182,7 +184,94 @@ struct tagUinBufStatInfo
     }
 };
 
-typedef std::map<uint32, tagDataPacket> MapUdtPacket; ///< by `dwSenderSeq`
+typedef CUdtPktMap<tagDataPacket> MapUdtPacket; ///< by `dwSenderSeq`
+typedef MapUdtPacket::tagNode tagPktNode;
+typedef CUdtSeqMap<uint32> MapSeqTick; ///< sequence to tick
+
+/** Learns the usual step between consecutive audio packets, ms of media time. */
+struct tagAudSteps
+{
+    uint32 dwLearned;  ///< before the present walk, 0: nothing
+    uint32 dwCur;      ///< of the last gap-free pair
+    uint32 dwBigCnt;   ///< trailing steps well above the learned one
+    uint32 dwSmallCnt; ///< trailing steps well below it
+
+    explicit tagAudSteps(uint32 dwLearnedStep = 0)
+        : dwLearned(dwLearnedStep), dwCur(0), dwBigCnt(0), dwSmallCnt(0)
+    {
+    }
+};
+
+/**
+ * What the worker still knows of a stream's buffer from earlier turns, so that it looks only at what is new.
+ * Nothing in here decides anything: a track that was forgotten costs a walk over the buffer and gives the same.
+ * It speaks of one buffer's nodes, so a copied stream begins without.
+ */
+struct tagUinTrack
+{
+    tagPktNode* pWalkedTo; ///< the loss walk would change nothing and write nothing up to here; null: unknown
+    std::vector<tagPktNode*> vecLate; ///< buffered in front of `pWalkedTo` since
+    uint32 dwPFrmCnt;                 ///< video: the phase the walk ended in
+    bool bPushing;                    ///< video: whether it took the server to be pushing still
+    tagAudSteps stSteps; ///< audio: as the walk left them; the counts may be too high, never too low
+    uint32 dwFreeSeq;    ///< audio: the last packet without a gap before it
+    bool bGapsKnown;     ///< `mapGaps` is complete
+    CUdtSeqMap<tagDataPacket*> mapGaps; ///< the packets with a gap before them
+
+    tagUinTrack() : pWalkedTo(nullptr), dwPFrmCnt(0), bPushing(false), dwFreeSeq(0), bGapsKnown(false) {}
+    tagUinTrack(const tagUinTrack&) : tagUinTrack() {}
+    tagUinTrack& operator=(const tagUinTrack&)
+    {
+        Forget();
+        return *this;
+    }
+
+    void ForgetWalk()
+    {
+        pWalkedTo = nullptr;
+        vecLate.clear();
+    }
+    void Forget()
+    {
+        ForgetWalk();
+        bGapsKnown = false;
+        mapGaps.clear();
+    }
+    void BeginGaps()
+    {
+        mapGaps.clear();
+        bGapsKnown = true;
+    }
+
+    // The three below never throw: where there is no memory to keep book with, the book is given up.
+
+    /// The count of what is missing before a packet was set.
+    void NoteGap(tagPktNode* pNode)
+    {
+        if (bGapsKnown && (pNode->Pkt().cPrePkgLost != 0 || !mapGaps.IsBehindAll(pNode->Seq())))
+            NoteGapChange(pNode);
+    }
+    /// A packet was put in.
+    void NoteBuffered(tagPktNode* pNode)
+    {
+        if (pNode->Pkt().cPrePkgLost != 0 || pNode->Pkt().cIsCalcLost != 0)
+            Forget(); // somebody marked it before us
+        else if (pWalkedTo != nullptr && pNode->Seq() < pWalkedTo->Seq())
+            NoteLate(pNode);
+    }
+    /// A packet is about to leave.
+    void NoteRemoval(tagPktNode* pNode)
+    {
+        if (pNode->Pkt().cPrePkgLost != 0)
+            mapGaps.erase(pNode->Seq());
+        if (pNode == pWalkedTo || !vecLate.empty())
+            ForgetWalk();
+    }
+
+private:
+    void NoteGapChange(tagPktNode* pNode);
+    void NoteLate(tagPktNode* pNode);
+};
 
 /**
  * One stream: its reorder buffer and all that is remembered about it. Copying is member-wise; the packets
@@ -214,12 +303,12 @@ struct tagUinDataBuf
     uint32 dwDelayTimelineMax;
     uint32 dwStartTimeStamp; ///< media timestamp of the first release; 0: none yet
     uint32 dwStartTick;
-    uint32 dwOutPutDelayFlag;               ///< 0: held back, 1: may release
-    std::map<uint32, uint32> mapRecvSeq;    ///< duplicate history: sequence to tick of acceptance
-    std::map<uint32, uint32> mapRequestSeq; ///< asked-for sequence to tick of its latest request
-    uint32 dwFirstIFOutFlag;                ///< 0, `VID_IFRM_RECV`, `VID_IFRM_OUT`
-    uint32 dwPrePkgSeq;                     ///< newest sequence in order, none32 before the first
-    uint32 dwVidPreGopIdx;                  ///< GOP index of that packet
+    uint32 dwOutPutDelayFlag; ///< 0: held back, 1: may release
+    MapSeqTick mapRecvSeq;    ///< duplicate history: sequence to tick of acceptance
+    MapSeqTick mapRequestSeq; ///< asked-for sequence to tick of its latest request
+    uint32 dwFirstIFOutFlag;  ///< 0, `VID_IFRM_RECV`, `VID_IFRM_OUT`
+    uint32 dwPrePkgSeq;       ///< newest sequence in order, none32 before the first
+    uint32 dwVidPreGopIdx;    ///< GOP index of that packet
     uint32 dwVidPreFrmIdx;
     uint32 dwVidGopCnt; ///< GOPs counted, 0 before the first
     uint32 dwAVStampSync;
@@ -231,6 +320,7 @@ struct tagUinDataBuf
     uint32 dwRecvIFlag;    ///< 1: an I frame or the paired stream's release was seen
     uint32 dwQuickOut;
     bool bPushStmDone; ///< the server's push is over, or 2.5 s have passed
+    tagUinTrack stTrack;
 
     tagUinDataBuf()
         : dwTimelineMin(0), dwTimelineMax(0), dwTimelineDelta(0), dwTimelineOut(0), dwLastRecvPackTime(0),

@@ -1,11 +1,26 @@
 #ifndef AVGUDTRECVINNER_H
 #define AVGUDTRECVINNER_H
 
-/** What the receiver's own source files share: the log macro and the tick. */
+/** What the receiver's own source files share: the log macro, the tick and the way out of a buffer. */
 
+#include "AVGUDTRecvData.h"
 #include "UDTLog.h"
 #include "xpmess.h"
 #include "xptypes.h"
+
+/// For the compiler: the condition is mostly false, keep what follows out of the way.
+#if defined(__GNUC__)
+#define UDT_RARELY(condition) __builtin_expect(!!(condition), 0)
+#else
+#define UDT_RARELY(condition) (condition)
+#endif
+
+/// Before a function that every packet goes through: what it calls is put into it, as far as the compiler sees it.
+#if defined(__GNUC__)
+#define UDT_PER_PACKET __attribute__((flatten))
+#else
+#define UDT_PER_PACKET
+#endif
 
 /**
  * Writes one line. Operators search for these lines, so text, level, operation and argument order stay put:
@@ -15,11 +30,18 @@
 #define RECV_LOG(eLevel, pszOper, ...)                                                 \
     do                                                                                 \
     {                                                                                  \
-        if (LogIsOn(eLevel))                                                           \
+        if (UDT_RARELY(LogIsOn(eLevel)))                                               \
             LogWrite(eLevel, "CmdCode", "AVGUDTRecv", __LINE__, pszOper, __VA_ARGS__); \
     } while (0)
 
 /// The tick clock as the receiver keeps it: 32-bit milliseconds that wrap.
 inline uint32 TickNow() { return (uint32)xp_gettickcount(); }
+
+/// Takes a packet out of its stream's buffer and lets go of it. Returns the next one.
+inline tagPktNode* UnbufferPacket(tagUinDataBuf& stUinDataBuf, tagPktNode* pNode)
+{
+    stUinDataBuf.stTrack.NoteRemoval(pNode);
+    return stUinDataBuf.mapUdtPacket.Remove(pNode);
+}
 
 #endif // AVGUDTRECVINNER_H

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace
 {
@@ -27,6 +28,9 @@ bool IsVideoWithLoss(uint8 cSubType)
 {
     return cSubType == MEAVMaxVideo || cSubType == MEAVMinVideo || cSubType == MEAVSubVideo;
 }
+
+// A turn that took more than this comes after the worker was held up; its emptied list nodes are not kept.
+constexpr size_t c_nSpareNodes = 1024;
 
 void FillFromHead(tagDataPacket& dataPacket, const tagUdtPacketHeadInfo& stHeadInfo)
 {
@@ -44,8 +48,9 @@ void FillFromHead(tagDataPacket& dataPacket, const tagUdtPacketHeadInfo& stHeadI
 
 // ---- Network threads ---------------------------------------------------------------------------------------
 
-boolean CAVGUdtRecv::UDTReceiveNetData(uint32 dwSendSeq, uint64 llAccount, uint32 dwSeq, WORD wTimeStamp,
-                                       uint8 cSubType, UDTCodecBaseDecode_V2* pData)
+UDT_PER_PACKET boolean CAVGUdtRecv::UDTReceiveNetData(uint32 dwSendSeq, uint64 llAccount, uint32 dwSeq,
+                                                      WORD wTimeStamp, uint8 cSubType,
+                                                      UDTCodecBaseDecode_V2* pData)
 try
 {
     if (m_bStop != 0)
@@ -69,8 +74,7 @@ try
     if (pData != nullptr)
         CalcDownPacketLoss(dwSeq, stHeadInfo.cSubType, pData->wLen);
 
-    std::list<tagDataPacket> listOne(1);
-    tagDataPacket& dataPacket = listOne.front();
+    tagDataPacket dataPacket;
     dataPacket.dwSenderSeq = dwSendSeq;
     dataPacket.llAccount = llAccount;
     dataPacket.dwSeq = dwSeq;
@@ -78,12 +82,16 @@ try
     dataPacket.pRawData = pData;
     dataPacket.dwRecvTime = TickNow();
     FillFromHead(dataPacket, stHeadInfo);
+
     {
         CXPAutoLock lock(m_dataLock);
         // Asked again under the lock that the last clearing takes: nothing is left behind it.
         if (m_bStop != 0)
             return TRUE;
-        m_listRawData.splice(m_listRawData.end(), listOne);
+        if (m_listSpare.empty())
+            m_listSpare.emplace_back();
+        m_listSpare.front() = std::move(dataPacket);
+        m_listRawData.splice(m_listRawData.end(), m_listSpare, m_listSpare.begin());
     }
 
     RECV_LOG(
@@ -105,24 +113,63 @@ catch (const std::bad_alloc&)
 
 void CAVGUdtRecv::Deliver()
 {
-    std::list<tagDataPacket> listRawData;
+    if (m_listTaken.size() > c_nSpareNodes)
+        m_listTaken.clear();
     {
         CXPAutoLock lock(m_dataLock);
-        listRawData.swap(m_listRawData);
+        m_listSpare.splice(m_listSpare.end(), m_listTaken);
+        m_listTaken.swap(m_listRawData);
     }
+    // At the end nodes without packets are left in the list, and packets that were dropped. Those go when all are
+    // handled, and also when memory ran out before that: the last reference may be here.
+    struct tagDrop
+    {
+        std::list<tagDataPacket>& listTaken;
+        ~tagDrop()
+        {
+            for (tagDataPacket& dataPacket : listTaken)
+            {
+                if (dataPacket.pRawData != nullptr)
+                    dataPacket.pRawData = nullptr;
+            }
+        }
+    } stDrop{m_listTaken};
+
     ApplyTimelineDelta();
-    for (tagDataPacket& dataPacket : listRawData)
-        OnDataHandleNew(dataPacket);
+    HandleRawData(m_listTaken);
     CalcLostInfo();
     UdtModeProcessNew();
     ApplyClearRequest();
 }
 
-// Every stream on every turn, new packets or not.
+void CAVGUdtRecv::HandleRawData(std::list<tagDataPacket>& listRawData)
+{
+    // Handling them takes no time worth telling: the clock is read once. Packets of a stream come in bunches: its
+    // records are looked up once for a bunch, and nothing in here erases one.
+    const uint32 dwNow = TickNow();
+    tagUinDataBuf* pstUinDataBuf = nullptr;
+    tagUinDataInfo* pstUinDataInfo = nullptr;
+    tagInPktKey stLast;
+    for (tagDataPacket& dataPacket : listRawData)
+    {
+        if (pstUinDataBuf == nullptr || dataPacket.llAccount != stLast.ullUserAccount ||
+            dataPacket.cSubType != stLast.cSubType)
+        {
+            stLast = tagInPktKey(dataPacket.llAccount, dataPacket.cSubType);
+            pstUinDataBuf = &FindOrCreateStream(dataPacket)->second;
+            pstUinDataInfo = &FindOrCreateUser(dataPacket.llAccount);
+        }
+        HandleData(*pstUinDataBuf, *pstUinDataInfo, dataPacket, HANDLE_TAKE, dwNow);
+    }
+}
+
+// Every stream on every turn; but where nothing has changed the walk would change nothing.
 void CAVGUdtRecv::CalcLostInfo()
 {
     for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
     {
+        if (IsLossSettled(stStream.second))
+            continue;
         if (IsVideoWithLoss(stStream.first.cSubType))
             CalcVidLostInfo(stStream.second);
         else if (stStream.first.cSubType == MEAVAudio)
@@ -133,8 +180,12 @@ void CAVGUdtRecv::CalcLostInfo()
 void CAVGUdtRecv::OnDataHandleNew(tagDataPacket& dataPacket)
 {
     tagUinDataBuf& stUinDataBuf = FindOrCreateStream(dataPacket)->second;
-    tagUinDataInfo& stUinDataInfo = FindOrCreateUser(dataPacket.llAccount);
+    HandleData(stUinDataBuf, FindOrCreateUser(dataPacket.llAccount), dataPacket, HANDLE_COPY, TickNow());
+}
 
+UDT_PER_PACKET void CAVGUdtRecv::HandleData(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo,
+                                            tagDataPacket& dataPacket, emHandle eHandle, uint32 dwNow)
+{
     if (IsVideoWithLoss(dataPacket.cSubType))
     {
         stUinDataInfo.dwHasVideo = 1;
@@ -154,19 +205,18 @@ void CAVGUdtRecv::OnDataHandleNew(tagDataPacket& dataPacket)
         stUinDataBuf.dwLogPrintFlag &= ~(uint32)LOG_RECV;
     }
 
-    CheckSyncTimeOut(stUinDataBuf, stUinDataInfo);
+    CheckSyncTimeOut(stUinDataBuf, stUinDataInfo, dwNow);
     stUinDataBuf.stStatInfo.dwTotalRecvPkgNum += 1; // duplicates count as well
     TakeRequestAnswer(stUinDataBuf, dataPacket);
 
     // A packet that is still buffered but has left the duplicate history moves the transit band before it is
     // dropped: it did arrive now, and the band is about arrivals.
-    const bool bIsDuplicate = CheckDuplicate(stUinDataBuf, dataPacket.dwSenderSeq);
+    const bool bIsDuplicate = CheckDuplicate(stUinDataBuf, dataPacket.dwSenderSeq, dwNow);
     if (!bIsDuplicate)
-        CalcTimelineMaxMin(dataPacket);
+        MoveBand(stUinDataInfo, dataPacket, dwNow);
 
-    MapUdtPacket& pkgList = stUinDataBuf.mapUdtPacket;
-    const MapUdtPacket::iterator it_udt = pkgList.lower_bound(dataPacket.dwSenderSeq);
-    const bool bBuffered = it_udt != pkgList.end() && it_udt->first == dataPacket.dwSenderSeq;
+    tagPktNode* const pNext = stUinDataBuf.mapUdtPacket.FindFrom(dataPacket.dwSenderSeq);
+    const bool bBuffered = pNext != nullptr && pNext->Seq() == dataPacket.dwSenderSeq;
     if (bBuffered || bIsDuplicate)
     {
         RECV_LOG(
@@ -179,11 +229,20 @@ void CAVGUdtRecv::OnDataHandleNew(tagDataPacket& dataPacket)
         return;
     }
 
-    pkgList.emplace_hint(it_udt, dataPacket.dwSenderSeq, dataPacket);
-    const uint32 dwNow = TickNow();
+    BufferPacket(stUinDataBuf, pNext, dataPacket, eHandle);
     stUinDataBuf.dwLastRecvPackTime = dwNow;
-    stUinDataBuf.mapRecvSeq[dataPacket.dwSenderSeq] = dwNow;
-    CheckEarlyPush(stUinDataBuf, stUinDataInfo, dataPacket);
+    stUinDataBuf.mapRecvSeq.Set(dataPacket.dwSenderSeq, dwNow);
+    CheckEarlyPush(stUinDataBuf, stUinDataInfo, dataPacket, dwNow);
+}
+
+void CAVGUdtRecv::BufferPacket(tagUinDataBuf& stUinDataBuf, tagPktNode* pBefore, tagDataPacket& dataPacket,
+                               emHandle eHandle)
+{
+    MapUdtPacket& pkgList = stUinDataBuf.mapUdtPacket;
+    tagPktNode* const pNode = eHandle == HANDLE_TAKE
+                                  ? pkgList.Insert(pBefore, dataPacket.dwSenderSeq, std::move(dataPacket))
+                                  : pkgList.Insert(pBefore, dataPacket.dwSenderSeq, dataPacket);
+    stUinDataBuf.stTrack.NoteBuffered(pNode);
 }
 
 MapUinInPkt::iterator CAVGUdtRecv::FindOrCreateStream(const tagDataPacket& dataPacket)
@@ -213,10 +272,10 @@ MapUinInPkt::iterator CAVGUdtRecv::FindOrCreateStream(const tagDataPacket& dataP
 
 // 2.5 s after a stream's first packet the wait for the room state and for the server's push ends. Runs once
 // per push phase; a pull-back of the timeline begins a new one.
-void CAVGUdtRecv::CheckSyncTimeOut(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo)
+void CAVGUdtRecv::CheckSyncTimeOut(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo, uint32 dwNow)
 {
-    if (!TickPassed(TickNow(), stUinDataBuf.dwRecvFirstPkgTime, c_dwMapUinSyncTimeOut) ||
-        stUinDataBuf.bPushStmDone)
+    if (stUinDataBuf.bPushStmDone ||
+        !TickPassed(dwNow, stUinDataBuf.dwRecvFirstPkgTime, c_dwMapUinSyncTimeOut))
         return;
 
     if (m_dwRoomLogicState == 0)
@@ -242,7 +301,8 @@ void CAVGUdtRecv::CheckSyncTimeOut(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& 
 // A packet that was asked for closes its request, even when it then turns out to be a duplicate.
 void CAVGUdtRecv::TakeRequestAnswer(tagUinDataBuf& stUinDataBuf, const tagDataPacket& dataPacket)
 {
-    if (stUinDataBuf.mapRequestSeq.erase(dataPacket.dwSenderSeq) == 0)
+    if (stUinDataBuf.mapRequestSeq.IsBehindAll(dataPacket.dwSenderSeq) ||
+        stUinDataBuf.mapRequestSeq.erase(dataPacket.dwSenderSeq) == 0)
         return;
     RECV_LOG(LOG_LEVEL_DEBUG, "OnDataHandleNew", "recv_request_pkg: subtype %1d seq %5d %5d Uin %llu",
              dataPacket.cSubType, dataPacket.dwSenderSeq, dataPacket.dwSeq, dataPacket.llAccount);
@@ -252,7 +312,7 @@ void CAVGUdtRecv::TakeRequestAnswer(tagUinDataBuf& stUinDataBuf, const tagDataPa
 // few such packets may be strays; from the fifth on the timeline is pulled back to them, and stays that easy
 // to pull: the count is never reset.
 void CAVGUdtRecv::CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo,
-                                 const tagDataPacket& dataPacket)
+                                 const tagDataPacket& dataPacket, uint32 dwNow)
 {
     if (dataPacket.dwMETimeStamp + c_dwEarlyPushLag > stUinDataInfo.dwTimelineOut || dataPacket.cSubType == 0)
         return;
@@ -260,7 +320,7 @@ void CAVGUdtRecv::CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& st
     if (stUinDataBuf.stStatInfo.dwSkipPkgNum < c_dwEarlyPushCount)
         return;
 
-    const uint32 dwNewOut = stUinDataBuf.mapUdtPacket.begin()->second.dwMETimeStamp;
+    const uint32 dwNewOut = stUinDataBuf.mapUdtPacket.Head()->Pkt().dwMETimeStamp;
     RECV_LOG(LOG_LEVEL_ERROR, "OnDataHandleNew",
              "Server Push Early Packet Make TimelineOut From %u Back to %u",
              stUinDataInfo.dwTimelineOut.Get(), dwNewOut);
@@ -268,7 +328,7 @@ void CAVGUdtRecv::CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& st
     ClearUselessData(dataPacket.llAccount, dwNewOut + c_dwPullBackKeep);
 
     stUinDataInfo.dwVidResetTimelineMin = VID_RESET_NONE;
-    stUinDataBuf.dwRecvFirstPkgTime = TickNow();
+    stUinDataBuf.dwRecvFirstPkgTime = dwNow;
     stUinDataBuf.bPushStmDone = false;
     stUinDataInfo.dwTimelineIn = dataPacket.dwMETimeStamp;
 
@@ -280,15 +340,19 @@ void CAVGUdtRecv::CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& st
 
 bool CAVGUdtRecv::CheckDuplicate(tagUinDataBuf& stUinDataBuf, uint32 dwSeq)
 {
-    const uint32 dwTimeNow = TickNow();
+    return CheckDuplicate(stUinDataBuf, dwSeq, TickNow());
+}
+
+bool CAVGUdtRecv::CheckDuplicate(tagUinDataBuf& stUinDataBuf, uint32 dwSeq, uint32 dwTimeNow)
+{
     const uint32 dwMaxTime = std::max(m_dwTimelineDeltaMax.Get(), c_dwPkgDuplicatedInterval);
 
     // Looked up before the purge: an entry that ages out in this very call still counts.
-    std::map<uint32, uint32>& mapRecvSeq = stUinDataBuf.mapRecvSeq;
-    const bool bIsDuplicate = mapRecvSeq.find(dwSeq) != mapRecvSeq.end();
+    MapSeqTick& mapRecvSeq = stUinDataBuf.mapRecvSeq;
+    const bool bIsDuplicate = mapRecvSeq.count(dwSeq) != 0;
 
     // From the lowest sequence up to the first young entry; old ones behind it stay.
     while (!mapRecvSeq.empty() && TickReached(dwTimeNow, mapRecvSeq.begin()->second, dwMaxTime))
-        mapRecvSeq.erase(mapRecvSeq.begin());
+        mapRecvSeq.pop_front();
     return bIsDuplicate;
 }

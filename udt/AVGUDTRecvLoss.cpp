@@ -12,7 +12,6 @@
 #include "AVGUDTRecvRules.h"
 
 #include <algorithm>
-#include <iterator>
 #include <vector>
 
 namespace
@@ -31,34 +30,56 @@ uint32 AudioStampStep(uint32 dwPre, uint32 dwCur)
     return dwCur >= dwPre ? dwCur - dwPre : dwCur + (0xFFFFFFFF - dwPre);
 }
 
-// Learns the usual step between consecutive audio packets: the first one that is plausible, then any that
-// three trailing gap-free steps agree lies well off the learned one.
-struct tagAudStepTracker
+// Learning the step between consecutive audio packets: the first one that is plausible, then any that three trailing
+// gap-free steps agree lies well off the learned one.
+constexpr uint32 c_dwStepTolerance = 15; // ms off the learned step
+constexpr uint32 c_dwMaxStep = 84;       // ms, longer ones are never learned
+constexpr uint32 c_dwEnoughSteps = 2;    // more trailing steps than this relearn
+
+bool IsBigStep(const tagAudSteps& stSteps, uint32 dwStep)
 {
-    static constexpr uint32 c_dwTolerance = 15; // ms off the learned step
-    static constexpr uint32 c_dwMaxStep = 84;   // ms, longer ones are never learned
-    static constexpr uint32 c_dwEnough = 2;     // more trailing steps than this relearn
+    return dwStep > stSteps.dwLearned + c_dwStepTolerance;
+}
+bool IsSmallStep(const tagAudSteps& stSteps, uint32 dwStep)
+{
+    return dwStep + c_dwStepTolerance < stSteps.dwLearned;
+}
 
-    uint32 m_dwCalcTSDelta;    // learned before this walk, 0: nothing
-    uint32 m_dwCurTSDelta = 0; // of the last gap-free pair
-    uint32 m_dwBigCnt = 0;     // trailing steps above the learned one
-    uint32 m_dwSmallCnt = 0;   // trailing steps below it
+void TakeStep(tagAudSteps& stSteps, uint32 dwStep)
+{
+    stSteps.dwCur = dwStep;
+    stSteps.dwBigCnt = IsBigStep(stSteps, dwStep) ? stSteps.dwBigCnt + 1 : 0;
+    stSteps.dwSmallCnt = IsSmallStep(stSteps, dwStep) ? stSteps.dwSmallCnt + 1 : 0;
+}
 
-    explicit tagAudStepTracker(uint32 dwLearned) : m_dwCalcTSDelta(dwLearned) {}
+bool IsNewStep(const tagAudSteps& stSteps)
+{
+    return stSteps.dwCur >= 1 && stSteps.dwCur <= c_dwMaxStep &&
+           (stSteps.dwLearned == 0 || stSteps.dwBigCnt > c_dwEnoughSteps ||
+            stSteps.dwSmallCnt > c_dwEnoughSteps);
+}
 
-    void Take(uint32 dwStep)
-    {
-        m_dwCurTSDelta = dwStep;
-        m_dwBigCnt = dwStep > m_dwCalcTSDelta + c_dwTolerance ? m_dwBigCnt + 1 : 0;
-        m_dwSmallCnt = dwStep + c_dwTolerance < m_dwCalcTSDelta ? m_dwSmallCnt + 1 : 0;
-    }
+// Would a second look at two neighbours find and write just what the first one does? Not if the sequence wrapped between
+// them, which is worth a line at every look; nor if a multiple of 256 is missing, which reads as nothing afterwards.
+bool IsPlainPair(const tagDataPacket& stPre, const tagDataPacket& stCur)
+{
+    const uint32 dwLost = stCur.dwSenderSeq - stPre.dwSenderSeq - 1;
+    return IsNewSeqNum(stCur.dwSenderSeq, stPre.dwSenderSeq) &&
+           (dwLost == 0 || (uint8)dwLost != 0 || FoundLossFree(stCur));
+}
 
-    bool IsNewStep() const
-    {
-        return m_dwCurTSDelta >= 1 && m_dwCurTSDelta <= c_dwMaxStep &&
-               (m_dwCalcTSDelta == 0 || m_dwBigCnt > c_dwEnough || m_dwSmallCnt > c_dwEnough);
-    }
-};
+// A packet that was found loss-free although something is missing before it stays so when another one is put in before
+// it, and its step changes.
+bool IsHiddenGap(const tagDataPacket& stPre, const tagDataPacket& stCur)
+{
+    return FoundLossFree(stCur) && stCur.dwSenderSeq - stPre.dwSenderSeq != 1;
+}
+
+void SortLate(std::vector<tagPktNode*>& vecLate)
+{
+    std::sort(vecLate.begin(), vecLate.end(),
+              [](const tagPktNode* a, const tagPktNode* b) { return a->Seq() < b->Seq(); });
+}
 
 // Packets of its frame, FEC included, that follow a video packet; negative when its counts contradict it.
 int PkgIdxLeft(const tagDataPacket& stPkt) { return stPkt.cPkgNum + stPkt.cFecNum - stPkt.cPkgIndex - 1; }
@@ -146,67 +167,203 @@ uint32 CAVGUdtRecv::MarkFirstIFrm(tagUinDataBuf& stUinDataBuf)
     return dwCurTick;
 }
 
+// ---- What need not be walked again ---------------------------------------------------------------------------
+
+// The track of a stream's buffer, forgotten if anybody but the turns had his hands on the buffer.
+tagUinTrack& CAVGUdtRecv::TrackOf(tagUinDataBuf& stUinDataBuf)
+{
+    const bool bInTurn = m_bInTurn != FALSE;
+    if (stUinDataBuf.mapUdtPacket.TakeTouched() || !bInTurn)
+        stUinDataBuf.stTrack.Forget();
+    if (!bInTurn)
+        stUinDataBuf.mapUdtPacket.Touch(); // nobody vouches for it until the next turn
+    return stUinDataBuf.stTrack;
+}
+
+// What it depends on beside the packets is noted with it.
+void CAVGUdtRecv::SettleLossWalk(tagUinDataBuf& stUinDataBuf) const
+{
+    tagUinTrack& stTrack = stUinDataBuf.stTrack;
+    stTrack.vecLate.clear();
+    stTrack.pWalkedTo = stUinDataBuf.mapUdtPacket.Tail();
+    stTrack.dwPFrmCnt = stUinDataBuf.dwPFrmCnt;
+    stTrack.bPushing = IsServerPushing(stUinDataBuf);
+}
+
+// Would the loss walk of this turn leave everything as it is, in silence?
+bool CAVGUdtRecv::IsLossSettled(const tagUinDataBuf& stUinDataBuf) const
+{
+    const tagUinTrack& stTrack = stUinDataBuf.stTrack;
+    return stTrack.pWalkedTo == stUinDataBuf.mapUdtPacket.Tail() && stTrack.vecLate.empty() &&
+           !stUinDataBuf.mapUdtPacket.IsTouched() &&
+           stTrack.stSteps.dwLearned == stUinDataBuf.dwTimeStampDelta &&
+           stTrack.dwPFrmCnt == stUinDataBuf.dwPFrmCnt && stTrack.bPushing == IsServerPushing(stUinDataBuf);
+}
+
 // ---- Audio -------------------------------------------------------------------------------------------------
 
 uint32 CAVGUdtRecv::CalcAudLostInfo(tagUinDataBuf& stUinDataBuf)
 {
-    MapUdtPacket& pkglist = stUinDataBuf.mapUdtPacket;
-    if (pkglist.size() < 2)
+    const size_t nPackets = stUinDataBuf.mapUdtPacket.size();
+    if (nPackets < 2)
         return 0;
+    const tagUinTrack& stTrack = TrackOf(stUinDataBuf);
+    if (stTrack.pWalkedTo == nullptr || !FollowAudLoss(stUinDataBuf))
+        WalkAudLoss(stUinDataBuf);
+    return (uint32)nPackets - 1;
+}
 
-    MapUdtPacket::iterator it_p = pkglist.begin();
-    MapUdtPacket::iterator it_n = std::next(it_p);
+// The walk over the whole buffer, which two packets or more are in.
+void CAVGUdtRecv::WalkAudLoss(tagUinDataBuf& stUinDataBuf)
+{
+    tagUinTrack& stTrack = stUinDataBuf.stTrack;
+    stTrack.ForgetWalk();
+    stTrack.BeginGaps();
+
+    tagPktNode* pPre = stUinDataBuf.mapUdtPacket.Head();
     uint8 cHeadLost;
-    if (HeadLost(it_p->second, it_n->second, cHeadLost))
+    if (HeadLost(pPre->Pkt(), pPre->pNext->Pkt(), cHeadLost))
     {
-        it_p->second.cPrePkgLost = cHeadLost;
-        it_p->second.cFrmLostNum = 0;
+        pPre->Pkt().cPrePkgLost = cHeadLost;
+        pPre->Pkt().cFrmLostNum = 0;
     }
-    it_p->second.cIsCalcLost = 1;
+    pPre->Pkt().cIsCalcLost = 1;
+    stTrack.NoteGap(pPre);
 
-    uint32 dwPkgCnt = 0;
-    tagAudStepTracker stSteps(stUinDataBuf.dwTimeStampDelta);
-    for (; it_n != pkglist.end(); it_p = it_n++)
+    bool bSteady = true;
+    stTrack.stSteps = tagAudSteps(stUinDataBuf.dwTimeStampDelta);
+    stTrack.dwFreeSeq = 0;
+    for (tagPktNode* pCur = pPre->pNext; pCur != nullptr; pPre = pCur, pCur = pCur->pNext)
     {
-        ++dwPkgCnt;
-        const tagDataPacket& stPre = it_p->second;
-        tagDataPacket& stCur = it_n->second;
-        if (!IsNewSeqNum(stCur.dwSenderSeq, stPre.dwSenderSeq))
-        {
-            // Neighbours in the map that are not neighbours in time: the sequence wrapped between them.
-            RECV_LOG(LOG_LEVEL_ERROR, "CalcAudLostInfo",
-                     "Err! pkg is out of order: subType %1d preSeq %5d nextSeq %5dUin %llu", stCur.cSubType,
-                     stPre.dwSenderSeq, stCur.dwSenderSeq, stCur.llAccount);
-            continue;
-        }
-        const uint32 dwLost = FoundLossFree(stCur) ? 0 : stCur.dwSenderSeq - stPre.dwSenderSeq - 1;
-        stCur.cPrePkgLost = (uint8)dwLost; // modulo 256
-        stCur.cFrmLostNum = 0;
-        stCur.cIsCalcLost = 1;
-        if (dwLost == 0)
-            stSteps.Take(AudioStampStep(stPre.dwTimeStamp, stCur.dwTimeStamp));
+        bSteady &= IsPlainPair(pPre->Pkt(), pCur->Pkt());
+        MarkAudLoss(stTrack, pPre, pCur);
+    }
+    if (LearnAudStep(stUinDataBuf, stTrack.stSteps))
+        bSteady = false;
+    if (bSteady)
+        SettleLossWalk(stUinDataBuf);
+}
+
+// The same, looking only at what came since the last walk. False, and nothing was done: what came may upset what was
+// found before.
+UDT_PER_PACKET bool CAVGUdtRecv::FollowAudLoss(tagUinDataBuf& stUinDataBuf)
+{
+    tagUinTrack& stTrack = stUinDataBuf.stTrack;
+    if (stTrack.stSteps.dwLearned != stUinDataBuf.dwTimeStampDelta)
+        return false;
+    for (const tagPktNode* pLate : stTrack.vecLate)
+    {
+        if (pLate->pPrev == nullptr || !IsPlainPair(pLate->pPrev->Pkt(), pLate->Pkt()) ||
+            !IsPlainPair(pLate->Pkt(), pLate->pNext->Pkt()) || IsHiddenGap(pLate->Pkt(), pLate->pNext->Pkt()))
+            return false;
+    }
+    for (const tagPktNode* pNew = stTrack.pWalkedTo->pNext; pNew != nullptr; pNew = pNew->pNext)
+    {
+        if (!IsPlainPair(pNew->pPrev->Pkt(), pNew->Pkt()))
+            return false;
     }
 
-    if (stSteps.IsNewStep())
+    SortLate(stTrack.vecLate);
+    for (size_t i = 0; i < stTrack.vecLate.size(); ++i)
     {
-        stUinDataBuf.dwTimeStampDelta = stSteps.m_dwCurTSDelta;
+        tagPktNode* const pLate = stTrack.vecLate[i];
+        MarkAudLoss(stTrack, pLate->pPrev, pLate);
+        if (i + 1 == stTrack.vecLate.size() || stTrack.vecLate[i + 1] != pLate->pNext)
+            MarkAudLoss(stTrack, pLate, pLate->pNext);
+    }
+    for (tagPktNode* pNew = stTrack.pWalkedTo->pNext; pNew != nullptr; pNew = pNew->pNext)
+        MarkAudLoss(stTrack, pNew->pPrev, pNew);
+
+    SettleLossWalk(stUinDataBuf);
+    if (IsNewStep(stTrack.stSteps))
+    {
+        // By counts that may be too high, of packets that may have left.
+        RecountAudSteps(stUinDataBuf);
+        if (LearnAudStep(stUinDataBuf, stTrack.stSteps))
+            stTrack.ForgetWalk();
+    }
+    return true;
+}
+
+// One packet and its predecessor: how much is missing between them?
+void CAVGUdtRecv::MarkAudLoss(tagUinTrack& stTrack, tagPktNode* pPre, tagPktNode* pCur)
+{
+    const tagDataPacket& stPre = pPre->Pkt();
+    tagDataPacket& stCur = pCur->Pkt();
+    if (!IsNewSeqNum(stCur.dwSenderSeq, stPre.dwSenderSeq))
+    {
+        // Neighbours in the map that are not neighbours in time: the sequence wrapped between them.
         RECV_LOG(LOG_LEVEL_ERROR, "CalcAudLostInfo",
-                 "audio pkg timestamp delta: preSeq %d preTSDelta %d, curTSDelta %d BigCnt %d SmallCnt %d",
-                 it_p->second.dwSenderSeq, stSteps.m_dwCalcTSDelta, stSteps.m_dwCurTSDelta,
-                 stSteps.m_dwBigCnt, stSteps.m_dwSmallCnt);
+                 "Err! pkg is out of order: subType %1d preSeq %5d nextSeq %5dUin %llu", stCur.cSubType,
+                 stPre.dwSenderSeq, stCur.dwSenderSeq, stCur.llAccount);
+        stTrack.NoteGap(pCur);
+        return;
     }
-    return dwPkgCnt;
+    const uint32 dwLost = FoundLossFree(stCur) ? 0 : stCur.dwSenderSeq - stPre.dwSenderSeq - 1;
+    stCur.cPrePkgLost = (uint8)dwLost; // modulo 256
+    stCur.cFrmLostNum = 0;
+    stCur.cIsCalcLost = 1;
+    stTrack.NoteGap(pCur);
+    if (dwLost != 0)
+        return;
+
+    const uint32 dwStep = AudioStampStep(stPre.dwTimeStamp, stCur.dwTimeStamp);
+    if (pCur->Seq() >= stTrack.dwFreeSeq)
+    {
+        stTrack.dwFreeSeq = pCur->Seq();
+        TakeStep(stTrack.stSteps, dwStep);
+        return;
+    }
+    // A late packet: it may or may not belong to the trailing steps.
+    stTrack.stSteps.dwBigCnt += IsBigStep(stTrack.stSteps, dwStep) ? 1 : 0;
+    stTrack.stSteps.dwSmallCnt += IsSmallStep(stTrack.stSteps, dwStep) ? 1 : 0;
+}
+
+void CAVGUdtRecv::RecountAudSteps(tagUinDataBuf& stUinDataBuf)
+{
+    tagAudSteps stSteps(stUinDataBuf.dwTimeStampDelta);
+    tagPktNode* pPre = stUinDataBuf.mapUdtPacket.Head();
+    for (tagPktNode* pCur = pPre->pNext; pCur != nullptr; pPre = pCur, pCur = pCur->pNext)
+    {
+        if (pCur->Pkt().cPrePkgLost == 0)
+            TakeStep(stSteps, AudioStampStep(pPre->Pkt().dwTimeStamp, pCur->Pkt().dwTimeStamp));
+    }
+    stUinDataBuf.stTrack.stSteps = stSteps;
+}
+
+// True: the buffer's steps agree on a new one.
+bool CAVGUdtRecv::LearnAudStep(tagUinDataBuf& stUinDataBuf, const tagAudSteps& stSteps)
+{
+    if (!IsNewStep(stSteps))
+        return false;
+    stUinDataBuf.dwTimeStampDelta = stSteps.dwCur;
+    RECV_LOG(LOG_LEVEL_ERROR, "CalcAudLostInfo",
+             "audio pkg timestamp delta: preSeq %d preTSDelta %d, curTSDelta %d BigCnt %d SmallCnt %d",
+             stUinDataBuf.mapUdtPacket.Tail()->Pkt().dwSenderSeq, stSteps.dwLearned, stSteps.dwCur,
+             stSteps.dwBigCnt, stSteps.dwSmallCnt);
+    return true;
 }
 
 // ---- Video -------------------------------------------------------------------------------------------------
 
 uint32 CAVGUdtRecv::CalcVidLostInfo(tagUinDataBuf& stUinDataBuf)
 {
-    MapUdtPacket& pkglist = stUinDataBuf.mapUdtPacket;
-    if (pkglist.empty())
+    if (stUinDataBuf.mapUdtPacket.empty())
         return 0;
+    const tagUinTrack& stTrack = TrackOf(stUinDataBuf);
+    if (stTrack.pWalkedTo != nullptr && IsVidFollowable(stUinDataBuf))
+        return FollowVidLoss(stUinDataBuf);
+    return WalkVidLoss(stUinDataBuf);
+}
 
-    tagDataPacket& stFirst = pkglist.begin()->second;
+// The walk over the whole buffer, which is not empty.
+uint32 CAVGUdtRecv::WalkVidLoss(tagUinDataBuf& stUinDataBuf)
+{
+    tagUinTrack& stTrack = stUinDataBuf.stTrack;
+    stTrack.Forget();
+
+    tagPktNode* const pFirst = stUinDataBuf.mapUdtPacket.Head();
+    tagDataPacket& stFirst = pFirst->Pkt();
     if (PkgIdxLeft(stFirst) < 0)
     {
         // Nothing can be counted from it, and nothing behind it either until it has left the buffer.
@@ -217,71 +374,141 @@ uint32 CAVGUdtRecv::CalcVidLostInfo(tagUinDataBuf& stUinDataBuf)
         return c_dwNone32;
     }
     stFirst.wVidPkgIdxLeft = (uint16)PkgIdxLeft(stFirst);
-
-    MapUdtPacket::iterator it_n = std::next(pkglist.begin());
-    if (it_n == pkglist.end())
+    if (pFirst->pNext == nullptr)
         return 0;
+
     uint8 cHeadLost;
-    if (HeadLost(stFirst, it_n->second, cHeadLost))
+    if (HeadLost(stFirst, pFirst->pNext->Pkt(), cHeadLost))
     {
         stFirst.cPrePkgLost = cHeadLost;
         stFirst.cFrmLostNum = cHeadLost;
     }
     stFirst.cIsCalcLost = 1;
+    stTrack.BeginGaps();
+    stTrack.NoteGap(pFirst);
 
-    uint32 dwPkgCnt = 0;
-    std::vector<uint32> lossSeqVec; // of the I frame being walked
+    const uint32 dwPFrmCnt = stUinDataBuf.dwPFrmCnt;
+    uint32 dwErrCnt = 0;
+    bool bSteady = true;
+    m_vecIFrmLost.clear();
     tagVidWalk stWalk(stFirst);
-    for (; it_n != pkglist.end(); ++it_n)
-    {
-        tagDataPacket& stCur = it_n->second;
-        if (PkgIdxLeft(stCur) < 0)
-        {
-            RECV_LOG(LOG_LEVEL_ERROR, "CalcVidLostInfo",
-                     "Pkg num error 2, seq %d p_pkg %d p_fec %d p_pkgidx %d ft %1d fidx %3d gidx %3d",
-                     stCur.dwSenderSeq, stCur.cPkgNum, stCur.cFecNum, stCur.cPkgIndex, stCur.cFrmType,
-                     stCur.cFrmIdx, stCur.cGopIdx);
-            continue; // as if it were not there
-        }
-        stCur.wVidPkgIdxLeft = (uint16)PkgIdxLeft(stCur);
-
-        if (IsNewSeqNum(stCur.dwSenderSeq, stWalk.m_dwPreSeq))
-        {
-            MarkVidLoss(stUinDataBuf, stWalk, stCur, lossSeqVec);
-        }
-        else
-        {
-            RECV_LOG(
-                LOG_LEVEL_ERROR, "CalcVidLostInfo",
-                "Err! pkg is out of order: subType %1d preSeq %5d nextSeq %5d ft %1d gIdx %2d fIdx %2d pIdx "
-                "%2d Uin %llu",
-                stCur.cSubType, stWalk.m_dwPreSeq, stCur.dwSenderSeq, stCur.cFrmType, stCur.cGopIdx,
-                stCur.cFrmIdx, stCur.cPkgIndex, stCur.llAccount);
-        }
-        if (stCur.cFrmType != def_FrameType_I && !lossSeqVec.empty())
-        {
-            MapUinSeq mapUinPkgLost;
-            mapUinPkgLost[tagInPktKey(stCur.llAccount, stCur.cSubType)].swap(lossSeqVec);
-            RequestLossPacket(mapUinPkgLost);
-            lossSeqVec.clear();
-        }
-        ++dwPkgCnt;
-        stWalk.StepTo(stCur);
-    }
+    for (tagPktNode* pCur = pFirst->pNext; pCur != nullptr; pCur = pCur->pNext)
+        bSteady &= StepVidWalk(stUinDataBuf, stWalk, pCur, dwErrCnt);
     // What was gathered of an I frame that the buffer ends in is not sent: more of it may be on its way. Its
     // packets keep their raised request counts, so the timed scan asks, not this walk again.
-    return dwPkgCnt;
+
+    if (bSteady && dwPFrmCnt == stUinDataBuf.dwPFrmCnt)
+        SettleLossWalk(stUinDataBuf);
+    return (uint32)stUinDataBuf.mapUdtPacket.size() - 1 - dwErrCnt;
 }
 
-// One packet that follows in order: how much is missing before it, and is that to be asked for at once?
-void CAVGUdtRecv::MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagDataPacket& stCur,
-                              std::vector<uint32>& lossSeqVec)
+// May the walk go on from where it ended, or does what it depends on stand differently now?
+bool CAVGUdtRecv::IsVidFollowable(const tagUinDataBuf& stUinDataBuf) const
+{
+    const tagUinTrack& stTrack = stUinDataBuf.stTrack;
+    if (stTrack.bPushing != IsServerPushing(stUinDataBuf) || stTrack.dwPFrmCnt != stUinDataBuf.dwPFrmCnt)
+        return false;
+    if (stTrack.vecLate.empty())
+        return true;
+    // A late packet may move the phase under the feet of all that follow it; and before the first packet there is
+    // none to go on from.
+    return stUinDataBuf.dwPFrmCnt == VID_PFRM_BEHIND &&
+           stUinDataBuf.mapUdtPacket.Head()->Pkt().cIsCalcLost != 0;
+}
+
+// The same, looking only at what came since the last walk, and as far behind it as that makes a difference.
+UDT_PER_PACKET uint32 CAVGUdtRecv::FollowVidLoss(tagUinDataBuf& stUinDataBuf)
+{
+    tagUinTrack& stTrack = stUinDataBuf.stTrack;
+    const uint32 dwPFrmCnt = stUinDataBuf.dwPFrmCnt;
+    uint32 dwErrCnt = 0;
+    bool bSteady = true;
+    m_vecIFrmLost.clear();
+
+    SortLate(stTrack.vecLate);
+    tagPktNode* pDone = nullptr; // the last one that was walked over here
+    tagVidWalk stWalk(stTrack.pWalkedTo->Pkt());
+    for (size_t i = 0; i < stTrack.vecLate.size();)
+    {
+        pDone = stTrack.vecLate[i]->pPrev;
+        stWalk = tagVidWalk(pDone->Pkt());
+        bool bMoved = true; // does the next packet see another one before it than last time?
+        while (pDone != stTrack.pWalkedTo && (bMoved || !m_vecIFrmLost.empty()))
+        {
+            pDone = pDone->pNext;
+            const bool bLate = i < stTrack.vecLate.size() && pDone == stTrack.vecLate[i];
+            const uint8 cFrmLostNum = pDone->Pkt().cFrmLostNum;
+            bSteady &= StepVidWalk(stUinDataBuf, stWalk, pDone, dwErrCnt);
+            bMoved = bLate || pDone->Pkt().cFrmLostNum != cFrmLostNum;
+            i += bLate ? 1 : 0;
+        }
+    }
+    if (pDone != stTrack.pWalkedTo)
+        stWalk = tagVidWalk(stTrack.pWalkedTo->Pkt());
+    for (tagPktNode* pNew = stTrack.pWalkedTo->pNext; pNew != nullptr; pNew = pNew->pNext)
+        bSteady &= StepVidWalk(stUinDataBuf, stWalk, pNew, dwErrCnt);
+
+    if (bSteady && dwPFrmCnt == stUinDataBuf.dwPFrmCnt)
+        SettleLossWalk(stUinDataBuf);
+    else
+        stTrack.ForgetWalk();
+    return (uint32)stUinDataBuf.mapUdtPacket.size() - 1 - dwErrCnt;
+}
+
+// One packet of the walk, and what was gathered before it of an I frame that has ended. False: a second look would
+// write a line again.
+bool CAVGUdtRecv::StepVidWalk(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagPktNode* pCur,
+                              uint32& dwErrCnt)
+{
+    tagDataPacket& stCur = pCur->Pkt();
+    if (PkgIdxLeft(stCur) < 0)
+    {
+        RECV_LOG(LOG_LEVEL_ERROR, "CalcVidLostInfo",
+                 "Pkg num error 2, seq %d p_pkg %d p_fec %d p_pkgidx %d ft %1d fidx %3d gidx %3d",
+                 stCur.dwSenderSeq, stCur.cPkgNum, stCur.cFecNum, stCur.cPkgIndex, stCur.cFrmType,
+                 stCur.cFrmIdx, stCur.cGopIdx);
+        ++dwErrCnt;
+        stUinDataBuf.stTrack.NoteGap(pCur);
+        return false; // as if it were not there
+    }
+    stCur.wVidPkgIdxLeft = (uint16)PkgIdxLeft(stCur);
+
+    bool bSilent = false;
+    if (IsNewSeqNum(stCur.dwSenderSeq, stWalk.m_dwPreSeq))
+    {
+        bSilent = MarkVidLoss(stUinDataBuf, stWalk, stCur);
+    }
+    else
+    {
+        RECV_LOG(LOG_LEVEL_ERROR, "CalcVidLostInfo",
+                 "Err! pkg is out of order: subType %1d preSeq %5d nextSeq %5d ft %1d gIdx %2d fIdx %2d pIdx "
+                 "%2d Uin %llu",
+                 stCur.cSubType, stWalk.m_dwPreSeq, stCur.dwSenderSeq, stCur.cFrmType, stCur.cGopIdx,
+                 stCur.cFrmIdx, stCur.cPkgIndex, stCur.llAccount);
+    }
+    stUinDataBuf.stTrack.NoteGap(pCur);
+
+    if (stCur.cFrmType != def_FrameType_I && !m_vecIFrmLost.empty())
+    {
+        BeginLossRequest();
+        m_mapLost[tagInPktKey(stCur.llAccount, stCur.cSubType)].swap(m_vecIFrmLost);
+        RequestLossPacket(m_mapLost);
+        m_vecIFrmLost.clear();
+    }
+    stWalk.StepTo(stCur);
+    return bSilent;
+}
+
+// One packet that follows in order: how much is missing before it, and is that to be asked for at once? False: it
+// wrote a line.
+bool CAVGUdtRecv::MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagDataPacket& stCur)
 {
     const uint32 dwLost = stCur.dwSenderSeq - stWalk.m_dwPreSeq - 1;
     const bool bFrmIdxChanged = stWalk.IsOtherFrame(stCur);
     uint32 dwTreatedAsLost = std::min(dwLost, c_dwMaxFrmGap);
+    bool bSilent = true;
     if (dwLost > 0 && bFrmIdxChanged)
-        dwTreatedAsLost = LostAcrossFrames(stUinDataBuf, stWalk, stCur, dwLost);
+        dwTreatedAsLost = LostAcrossFrames(stUinDataBuf, stWalk, stCur, dwLost, bSilent);
 
     // From the stream's first P frame to the first frame of another type behind it nothing counts as lost: the
     // server starts a stream in the middle of a GOP and leaves out what nobody could decode.
@@ -298,22 +525,25 @@ void CAVGUdtRecv::MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, t
     stCur.cFrmLostNum = (uint8)stWalk.m_dwFrmLostNum;
     stCur.cIsCalcLost = 1;
 
-    if (dwTreatedAsLost == 0 || stCur.cFrmType != def_FrameType_I || stCur.wLostReqCnt != 0)
-        return;
-    for (uint32 dwBack = 1; dwBack <= dwTreatedAsLost; ++dwBack)
-        lossSeqVec.push_back(stCur.dwSenderSeq - dwBack);
-    stCur.wLostReqCnt += 1;
+    if (dwTreatedAsLost != 0 && stCur.cFrmType == def_FrameType_I && stCur.wLostReqCnt == 0)
+    {
+        for (uint32 dwBack = 1; dwBack <= dwTreatedAsLost; ++dwBack)
+            m_vecIFrmLost.push_back(stCur.dwSenderSeq - dwBack);
+        stCur.wLostReqCnt += 1;
+    }
+    return bSilent;
 }
 
 // A gap that crosses a frame boundary. While the server still pushes, whole frames missing in between were
 // never sent to us; only the missing head of the present frame counts.
 uint32 CAVGUdtRecv::LostAcrossFrames(const tagUinDataBuf& stUinDataBuf, const tagVidWalk& stWalk,
-                                     const tagDataPacket& stCur, uint32 dwLost)
+                                     const tagDataPacket& stCur, uint32 dwLost, bool& bSilent)
 {
-    if (stWalk.m_nPrePkgIdxLeft == 0 && m_dwServPushGopNum >= stUinDataBuf.dwVidGopCnt)
+    if (stWalk.m_nPrePkgIdxLeft == 0 && IsServerPushing(stUinDataBuf))
         return stCur.cPkgIndex;
     if (dwLost <= c_dwMaxFrmCrossGap)
         return dwLost;
+    bSilent = false;
     RECV_LOG(
         LOG_LEVEL_ERROR, "CalcVidLostInfo",
         "Lost %3d is bigger than 100, curSeq %5d preSeq %5d preGIdx %2d preFIdx %2d curGIdx %2d curFIdx %2d",

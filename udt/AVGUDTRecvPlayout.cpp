@@ -63,6 +63,20 @@ UDT_LOG_LEVEL TakeTraceLevel(uint32 dwLogPrintFlagAll, tagUinDataBuf& stUinDataB
     return LOG_LEVEL_ERROR;
 }
 
+// A cheap look before the full one: does the first packet of a running stream wait for its time?
+bool IsNothingDue(const MapUinInPkt::value_type& stStream, const MapUinDataInfo::value_type& stUser)
+{
+    const tagUinDataBuf& stUinDataBuf = stStream.second;
+    if (stUinDataBuf.dwOutPutDelayFlag == 0 || stUinDataBuf.dwOutSendSeq == c_dwNone32)
+        return false;
+    const tagPktNode* const pFirst = stUinDataBuf.mapUdtPacket.Head();
+    if (pFirst == nullptr)
+        return true;
+    const uint32 dwPlayDelay = stStream.first.cSubType == MEAVAudio ? stUinDataBuf.dwAudPlayDelayRTS : 0;
+    return pFirst->Pkt().llAccount == stUser.first && stUser.second.dwTimelineOut != 0 &&
+           pFirst->Pkt().dwMETimeStamp > stUser.second.dwTimelineOut + dwPlayDelay;
+}
+
 } // namespace
 
 // ---- Output scheduler ----------------------------------------------------------------------------------------
@@ -73,8 +87,16 @@ void CAVGUdtRecv::OutPacket()
         return;
     for (MapUinDataInfo::value_type& stUser : m_mapUinDataInfo)
         CalcTimelineOutNew(stUser.first, stUser.second);
+
+    // Both maps are in order of accounts, so the user of each stream is found by the way.
+    MapUinDataInfo::const_iterator itUser = m_mapUinDataInfo.begin();
     for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
     {
+        while (itUser != m_mapUinDataInfo.end() && itUser->first < stStream.first.ullUserAccount)
+            ++itUser;
+        if (itUser != m_mapUinDataInfo.end() && IsNothingDue(stStream, *itUser) &&
+            m_dwRoomLogicState == c_dwRoomStatePlaying) // a callback may have ended that
+            continue;
         if (stStream.first.cSubType == MEAVAudio)
             OutPacketAudioNew(stStream.second);
         else
@@ -86,10 +108,14 @@ void CAVGUdtRecv::OutPacket()
 
 void CAVGUdtRecv::CalcTimelineMaxMin(tagDataPacket& dataPacket)
 {
-    tagUinDataInfo& stInfo = FindOrCreateUser(dataPacket.llAccount);
+    MoveBand(FindOrCreateUser(dataPacket.llAccount), dataPacket, TickNow());
+}
+
+void CAVGUdtRecv::MoveBand(tagUinDataInfo& stInfo, const tagDataPacket& dataPacket, uint32 dwNow)
+{
     const bool bLowLatency = IsLowLatency();
     const uint32 dwChangeRange = BandChangeRange(bLowLatency);
-    const uint32 dwTimeLine = TransitOffset(TickNow(), dataPacket.dwTimeStamp);
+    const uint32 dwTimeLine = TransitOffset(dwNow, dataPacket.dwTimeStamp);
 
     stInfo.dwTimelineMin = FollowBandMin(stInfo.dwTimelineMin, dwTimeLine, dwChangeRange);
 
@@ -181,9 +207,9 @@ uint32 CAVGUdtRecv::FindTimeStampJump(uint64 ullAcount, uint32 uTimelineOut)
     uint32 uMinTimeStamp = c_dwNone32;
     for (const MapUinInPkt::value_type& stStream : m_mapUinInPkt)
     {
-        const MapUdtPacket& pkgList = stStream.second.mapUdtPacket;
-        if (stStream.first.ullUserAccount == ullAcount && !pkgList.empty())
-            uMinTimeStamp = std::min(uMinTimeStamp, pkgList.begin()->second.dwMETimeStamp);
+        const tagPktNode* const pFirst = stStream.second.mapUdtPacket.Head();
+        if (stStream.first.ullUserAccount == ullAcount && pFirst != nullptr)
+            uMinTimeStamp = std::min(uMinTimeStamp, pFirst->Pkt().dwMETimeStamp);
     }
     if (uMinTimeStamp == c_dwNone32 || uTimelineOut + c_dwClockJumpGap >= uMinTimeStamp)
         return 0;
@@ -228,7 +254,7 @@ uint32 CAVGUdtRecv::OutPutDelay(tagUinDataBuf& stUinDataBuf)
 // An I frame at the front opens its own gate and that of its audio; audio opens behind its video.
 void CAVGUdtRecv::OpenGateByMedia(tagUinDataBuf& stUinDataBuf)
 {
-    const tagDataPacket& stFirst = stUinDataBuf.mapUdtPacket.begin()->second;
+    const tagDataPacket& stFirst = stUinDataBuf.mapUdtPacket.Head()->Pkt();
     const MapUinInPkt::iterator itPair = GetAVMapUinPair(stFirst.llAccount, stFirst.cSubType);
     const bool bPaired = itPair != m_mapUinInPkt.end();
     if (stFirst.cSubType == MEAVAudio)
@@ -277,7 +303,7 @@ tagUinDataInfo* CAVGUdtRecv::StartClock(tagUinDataBuf& stUinDataBuf, const char*
 {
     if (stUinDataBuf.mapUdtPacket.empty())
         return nullptr;
-    const tagDataPacket& stFirst = stUinDataBuf.mapUdtPacket.begin()->second;
+    const tagDataPacket& stFirst = stUinDataBuf.mapUdtPacket.Head()->Pkt();
     const MapUinDataInfo::iterator itUser = m_mapUinDataInfo.find(stFirst.llAccount);
     if (itUser == m_mapUinDataInfo.end())
         return nullptr;
@@ -306,11 +332,11 @@ int CAVGUdtRecv::HandOutPacket(const tagDataPacket& dataPacket)
 
 // Before a stream's first release: drops audio older than what its video began with, so that sound and
 // picture start together. False: the buffer ran empty.
-bool CAVGUdtRecv::SkipAtBeginning(tagUinDataBuf& stUinDataBuf, MapUdtPacket::iterator& itPacket)
+bool CAVGUdtRecv::SkipAtBeginning(tagUinDataBuf& stUinDataBuf, tagPktNode*& pNode)
 {
     while (stUinDataBuf.dwOutSendSeq == c_dwNone32)
     {
-        const tagDataPacket& stPkt = itPacket->second;
+        const tagDataPacket& stPkt = pNode->Pkt();
         const MapUinInPkt::iterator itPair = GetAVMapUinPair(stPkt.llAccount, stPkt.cSubType);
         if (itPair == m_mapUinInPkt.end())
             break;
@@ -319,17 +345,17 @@ bool CAVGUdtRecv::SkipAtBeginning(tagUinDataBuf& stUinDataBuf, MapUdtPacket::ite
         if (dwStartTimeStamp == 0 || dwMETimeStamp >= dwStartTimeStamp)
             break;
 
-        itPacket = stUinDataBuf.mapUdtPacket.erase(itPacket);
+        pNode = UnbufferPacket(stUinDataBuf, pNode);
         RECV_LOG(LOG_LEVEL_ERROR, "OutPacketAudioNew",
                  "OutPacketAudioNew skip packet at beginning StartStamp:%lu PacketStamp:%lu",
                  (unsigned long)dwStartTimeStamp, (unsigned long)dwMETimeStamp);
-        if (itPacket == stUinDataBuf.mapUdtPacket.end())
+        if (pNode == nullptr)
             return false;
     }
     return true;
 }
 
-uint32 CAVGUdtRecv::OutPacketAudioNew(tagUinDataBuf& stUinDataBuf)
+UDT_PER_PACKET uint32 CAVGUdtRecv::OutPacketAudioNew(tagUinDataBuf& stUinDataBuf)
 {
     if (m_dwRoomLogicState != c_dwRoomStatePlaying)
     {
@@ -346,12 +372,12 @@ uint32 CAVGUdtRecv::OutPacketAudioNew(tagUinDataBuf& stUinDataBuf)
     // One play delay for the whole turn, although each release below reports a newer one.
     const uint32 uAudPlayDelay = stUinDataBuf.dwAudPlayDelayRTS;
     uint32 dwOutPkgCnt = 0;
-    MapUdtPacket::iterator itPacket = stUinDataBuf.mapUdtPacket.begin();
-    while (itPacket != stUinDataBuf.mapUdtPacket.end())
+    tagPktNode* pNode = stUinDataBuf.mapUdtPacket.Head();
+    while (pNode != nullptr)
     {
-        if (!SkipAtBeginning(stUinDataBuf, itPacket))
+        if (!SkipAtBeginning(stUinDataBuf, pNode))
             break;
-        const tagDataPacket& stPkt = itPacket->second;
+        const tagDataPacket& stPkt = pNode->Pkt();
         if (stPkt.dwMETimeStamp > pstInfo->dwTimelineOut + uAudPlayDelay)
             break;
 
@@ -382,7 +408,7 @@ uint32 CAVGUdtRecv::OutPacketAudioNew(tagUinDataBuf& stUinDataBuf)
             pstInfo->dwTimelineMax - pstInfo->dwTimelineMin, uAfter - stPkt.dwRecvTime, stPkt.cFrmType,
             stPkt.cGopIdx, stPkt.cFrmIdx, stPkt.cPkgNum, uAudPlayDelay, stPkt.llAccount, uAfter);
 
-        itPacket = stUinDataBuf.mapUdtPacket.erase(itPacket);
+        pNode = UnbufferPacket(stUinDataBuf, pNode);
         ++dwOutPkgCnt;
     }
     return dwOutPkgCnt;
@@ -390,7 +416,7 @@ uint32 CAVGUdtRecv::OutPacketAudioNew(tagUinDataBuf& stUinDataBuf)
 
 // Every sub-type but audio. Frames are not looked at: what is due goes out, and the decoder behind the
 // callback deals with partial frames.
-uint32 CAVGUdtRecv::OutPacketVideoNew(tagUinDataBuf& stUinDataBuf)
+UDT_PER_PACKET uint32 CAVGUdtRecv::OutPacketVideoNew(tagUinDataBuf& stUinDataBuf)
 {
     if (m_dwRoomLogicState != c_dwRoomStatePlaying)
     {
@@ -405,11 +431,10 @@ uint32 CAVGUdtRecv::OutPacketVideoNew(tagUinDataBuf& stUinDataBuf)
         return 0;
 
     uint32 dwCnt = 0;
-    MapUdtPacket::iterator itPacket = stUinDataBuf.mapUdtPacket.begin();
-    while (itPacket != stUinDataBuf.mapUdtPacket.end() &&
-           itPacket->second.dwMETimeStamp <= pstInfo->dwTimelineOut)
+    tagPktNode* pNode = stUinDataBuf.mapUdtPacket.Head();
+    while (pNode != nullptr && pNode->Pkt().dwMETimeStamp <= pstInfo->dwTimelineOut)
     {
-        tagDataPacket& stPkt = itPacket->second;
+        tagDataPacket& stPkt = pNode->Pkt();
         const int nAudDelayRTS = HandOutPacket(stPkt);
         const uint32 dwNow = TickNow(); // the owner may have taken its time
         CheckContinuity("OutPacketVideoNew", stUinDataBuf, stPkt);
@@ -432,7 +457,7 @@ uint32 CAVGUdtRecv::OutPacketVideoNew(tagUinDataBuf& stUinDataBuf)
             pstInfo->dwTimelineMax - pstInfo->dwTimelineMin, dwNow - stPkt.dwRecvTime, stPkt.cFrmType,
             stPkt.cGopIdx, stPkt.cFrmIdx, stPkt.cPkgNum, stPkt.llAccount, dwNow);
 
-        itPacket = stUinDataBuf.mapUdtPacket.erase(itPacket);
+        pNode = UnbufferPacket(stUinDataBuf, pNode);
         ++dwCnt;
     }
     return dwCnt;

@@ -22,13 +22,15 @@ constexpr uint32 c_dwFirstDelayWarmUp = 2000;    // ms during which the first-re
 constexpr size_t c_nStreamScanEnough = 31;       // entries of one stream after which its walk ends
 constexpr size_t c_nStreamScanMany = 100;        // entries that are worth a line
 constexpr size_t c_nStreamScanCap = 10000;       // entries of one stream and scan
+constexpr size_t c_nLostEntriesLeast = 16;       // streams whose scratch is kept, whoever they are
 constexpr uint32 c_dwAllStreamsFoldPass = 3;     // housekeeping pass from which all streams fold alike
 constexpr uint32 c_dwRequestFailCheckGap = 4000; // ms that pass between two checks
 
 // Asks for the gap before one packet. The whole gap goes in, up to the cap; the attempt is stamped even when
-// the cap cut it short, and even when requests are switched off further on.
-void RequestGap(tagUinDataBuf& stUinDataBuf, tagDataPacket& stPkt, uint32 dwCurSeq, uint32 dwNow,
-                std::vector<uint32>& lossSeqVector)
+// the cap cut it short, and even when requests are switched off further on. itSeq: where the last gap of this scan
+// ended among the requested sequences; moves on to where this one does.
+void RequestGap(MapSeqTick& mapRequestSeq, MapSeqTick::iterator& itSeq, tagDataPacket& stPkt, uint32 dwCurSeq,
+                uint32 dwNow, std::vector<uint32>& lossSeqVector)
 {
     uint32 seq = dwCurSeq - stPkt.cPrePkgLost;
     RECV_LOG(
@@ -42,37 +44,20 @@ void RequestGap(tagUinDataBuf& stUinDataBuf, tagDataPacket& stPkt, uint32 dwCurS
          ++dwCnt, ++seq)
     {
         lossSeqVector.push_back(seq);
-        stUinDataBuf.mapRequestSeq[seq] = dwNow;
+        itSeq = mapRequestSeq.SetNear(itSeq, seq, dwNow);
     }
     stPkt.wLostReqCnt += 1;
     stPkt.dwLastReqLostTime = dwNow;
 }
 
-// One stream's due gaps, oldest first. A gap that playout has reached is no longer worth asking for.
-void CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
-                       const tagRequestTiming& stTiming, std::vector<uint32>& lossSeqVector)
+// Every packet with a gap before it is in the track's list; walks the buffer only if nobody knows.
+void KnowGaps(tagUinDataBuf& stUinDataBuf, tagUinTrack& stTrack)
 {
-    MapUdtPacket& pkgList = stUinDataBuf.mapUdtPacket;
-    for (MapUdtPacket::iterator it = pkgList.begin(); it != pkgList.end();)
-    {
-        tagDataPacket& stPkt = it->second;
-        if (stPkt.cPrePkgLost != 0 &&
-            IsRequestDue(stPkt.wLostReqCnt, dwNow - stPkt.dwRecvTime, dwNow - stPkt.dwLastReqLostTime,
-                         stTiming) &&
-            stPkt.dwMETimeStamp > dwTimelineOut)
-        {
-            RequestGap(stUinDataBuf, stPkt, it->first, dwNow, lossSeqVector);
-        }
-        if (lossSeqVector.size() >= c_nStreamScanMany)
-        {
-            RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew",
-                     "lossSeqVector subtype %1d size %d is larger than 100", stPkt.cSubType,
-                     (int)lossSeqVector.size());
-        }
-        ++it;
-        if (lossSeqVector.size() >= c_nStreamScanEnough)
-            break; // the rest waits for the next scan
-    }
+    if (stTrack.bGapsKnown)
+        return;
+    stTrack.BeginGaps();
+    for (tagPktNode* pNode = stUinDataBuf.mapUdtPacket.Head(); pNode != nullptr; pNode = pNode->pNext)
+        stTrack.NoteGap(pNode);
 }
 
 } // namespace
@@ -92,9 +77,9 @@ void CAVGUdtRecv::CheckTimeOutNew()
         m_dwLastCheckPkgTimeoutTime = dwNow;
         stTiming.dwInterval = RequestInterval(m_dwRTT, m_dwUdtlossDataRequestInterval);
 
-        MapUinSeq mapUinPacketIdx;
-        CollectDueGaps(dwNow, stTiming, mapUinPacketIdx);
-        RequestLossPacket(mapUinPacketIdx);
+        BeginLossRequest();
+        CollectDueGaps(dwNow, stTiming, m_mapLost);
+        RequestLossPacket(m_mapLost);
     }
 
     ArmTick(m_dwLastCheckTimeout, dwNow);
@@ -130,10 +115,35 @@ void CAVGUdtRecv::CollectDueGaps(uint32 dwNow, const tagRequestTiming& stTiming,
             RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew", "%s", "There should not reach unless before close!");
             return;
         }
-        std::vector<uint32> lossSeqVector;
-        CollectStreamGaps(stStream.second, itInfo->second.dwTimelineOut, dwNow, stTiming, lossSeqVector);
-        if (!lossSeqVector.empty())
-            mapUinPacketIdx[stStream.first].swap(lossSeqVector);
+        tagUinDataBuf& stUinDataBuf = stStream.second;
+        KnowGaps(stUinDataBuf, TrackOf(stUinDataBuf));
+        if (!stUinDataBuf.stTrack.mapGaps.empty())
+            CollectStreamGaps(stUinDataBuf, itInfo->second.dwTimelineOut, dwNow, stTiming,
+                              mapUinPacketIdx[stStream.first]);
+    }
+}
+
+// One stream's due gaps, oldest first. A gap that playout has reached is no longer worth asking for.
+void CAVGUdtRecv::CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
+                                    const tagRequestTiming& stTiming, std::vector<uint32>& lossSeqVector)
+{
+    MapSeqTick& mapRequestSeq = stUinDataBuf.mapRequestSeq;
+    MapSeqTick::iterator itSeq = mapRequestSeq.begin();
+    for (const CUdtSeqMap<tagDataPacket*>::value_type& stGap : stUinDataBuf.stTrack.mapGaps)
+    {
+        tagDataPacket& stPkt = *stGap.second;
+        if (stPkt.dwMETimeStamp <= dwTimelineOut || !IsRequestDue(stPkt.wLostReqCnt, dwNow - stPkt.dwRecvTime,
+                                                                  dwNow - stPkt.dwLastReqLostTime, stTiming))
+            continue;
+        RequestGap(mapRequestSeq, itSeq, stPkt, stGap.first, dwNow, lossSeqVector);
+        if (lossSeqVector.size() >= c_nStreamScanMany)
+        {
+            RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew",
+                     "lossSeqVector subtype %1d size %d is larger than 100", stPkt.cSubType,
+                     (int)lossSeqVector.size());
+        }
+        if (lossSeqVector.size() >= c_nStreamScanEnough)
+            break; // the rest waits for the next scan
     }
 }
 
@@ -188,13 +198,24 @@ MapUinInPkt::iterator CAVGUdtRecv::ExpireStream(MapUinInPkt::iterator itStream)
 
 // ---- Loss request message ------------------------------------------------------------------------------------
 
+// Empties what the last request was gathered in. Streams come and go; when most of the entries must be of those that
+// went, all go.
+void CAVGUdtRecv::BeginLossRequest()
+{
+    if (m_mapLost.size() > 2 * m_mapUinInPkt.size() + c_nLostEntriesLeast)
+        m_mapLost.clear();
+    for (MapUinSeq::value_type& stStream : m_mapLost)
+        stStream.second.clear();
+}
+
 // All that one caller gathered travels in one event: streams in key order, sequences as they were gathered.
 void CAVGUdtRecv::RequestLossPacket(MapUinSeq& mapUinPacketIdx)
 {
     if (m_bEnableReGetPkg == 0 || mapUinPacketIdx.empty())
         return;
 
-    std::vector<tagReplyData> vecReplyData;
+    std::vector<tagReplyData>& vecReplyData = m_vecReply;
+    vecReplyData.clear();
     for (const MapUinSeq::value_type& stStream : mapUinPacketIdx)
     {
         tagReplyData stReply;
@@ -241,11 +262,11 @@ void CAVGUdtRecv::CheckPkgRequestFail(uint32 dwNow)
     for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
     {
         tagUinDataBuf& stUinDataBuf = stStream.second;
-        std::map<uint32, uint32>& mapRequestSeq = stUinDataBuf.mapRequestSeq;
+        MapSeqTick& mapRequestSeq = stUinDataBuf.mapRequestSeq;
         uint32 dwStartSeq = 0; // 0: none yet, so a failed 0 gives way to the next one
         uint32 dwEndSeq = 0;
         uint32 dwPkgNum = 0;
-        for (std::map<uint32, uint32>::iterator it = mapRequestSeq.begin(); it != mapRequestSeq.end();)
+        for (MapSeqTick::iterator it = mapRequestSeq.begin(); it != mapRequestSeq.end();)
         {
             if (!TickPassed(dwNow, it->second, dwTimelineDeltaMax))
             {

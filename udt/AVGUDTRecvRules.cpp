@@ -46,20 +46,6 @@ uint32 UnwrapTimeStamp(tagPkgRingParam& stPkgRingParam, uint16 wTimeStamp)
     return stPkgRingParam.dwTimeStampBase + wTimeStamp;
 }
 
-uint32 FollowBandMin(uint32 dwMin, uint32 dwTimeLine, uint32 dwChangeRange)
-{
-    if (dwTimeLine < dwMin)
-        return dwTimeLine;
-    return dwTimeLine > dwMin + dwChangeRange ? dwMin + 1 : dwMin;
-}
-
-uint32 FollowBandMax(uint32 dwMax, uint32 dwTimeLine, uint32 dwChangeRange)
-{
-    if (dwTimeLine > dwMax)
-        return dwTimeLine;
-    return dwTimeLine + dwChangeRange < dwMax ? dwMax - 1 : dwMax;
-}
-
 uint32 ResetBandMax(uint32 dwMin, uint32 dwTimeLine, bool bLowLatency)
 {
     constexpr uint32 c_dwFreshBand = 1000;
@@ -108,23 +94,4 @@ uint32 RequestInterval(uint32 dwRTT, uint32 dwConfigured)
 {
     const uint32 dwMinInterval = std::min(dwConfigured, c_dwMinIntervalCap);
     return std::max(std::min(dwRTT, dwConfigured), dwMinInterval);
-}
-
-bool IsRequestDue(uint16 wLostReqCnt, uint32 dwSinceArrival, uint32 dwSinceRequest,
-                  const tagRequestTiming& stTiming)
-{
-    if (dwSinceArrival <= stTiming.dwFirstDelay)
-        return wLostReqCnt == 0; // once, on sight
-    if (wLostReqCnt < c_wQuickRequests)
-        return true;                              // then one per scan, in case the first was lost too
-    return dwSinceRequest >= stTiming.dwInterval; // then paced, so a dead sender is not flooded
-}
-
-bool HeadLost(const tagDataPacket& stFirst, const tagDataPacket& stSecond, uint8& cLost)
-{
-    const uint32 dwLost = stSecond.dwSenderSeq - stFirst.dwSenderSeq;
-    if (stFirst.cIsCalcLost != 0 || stSecond.cPrePkgLost <= dwLost - 1)
-        return false;
-    cLost = (uint8)(stSecond.cPrePkgLost - dwLost); // modulo 256
-    return true;
 }

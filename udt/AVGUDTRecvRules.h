@@ -57,8 +57,18 @@ inline uint32 TransitOffset(uint32 dwTick, uint32 dwTimeStamp)
 inline uint32 BandChangeRange(bool bLowLatency) { return bLowLatency ? 20 : 1000; }
 
 /// The bound after one more packet: it follows a new extreme at once and creeps back 1 ms per packet.
-uint32 FollowBandMin(uint32 dwMin, uint32 dwTimeLine, uint32 dwChangeRange);
-uint32 FollowBandMax(uint32 dwMax, uint32 dwTimeLine, uint32 dwChangeRange);
+inline uint32 FollowBandMin(uint32 dwMin, uint32 dwTimeLine, uint32 dwChangeRange)
+{
+    if (dwTimeLine < dwMin)
+        return dwTimeLine;
+    return dwTimeLine > dwMin + dwChangeRange ? dwMin + 1 : dwMin;
+}
+inline uint32 FollowBandMax(uint32 dwMax, uint32 dwTimeLine, uint32 dwChangeRange)
+{
+    if (dwTimeLine > dwMax)
+        return dwTimeLine;
+    return dwTimeLine + dwChangeRange < dwMax ? dwMax - 1 : dwMax;
+}
 
 /// The upper bound after a reset: the offset itself when it lies above the lower bound, else a fresh band.
 uint32 ResetBandMax(uint32 dwMin, uint32 dwTimeLine, bool bLowLatency);
@@ -109,14 +119,28 @@ constexpr uint16 c_wQuickRequests = 3; ///< requests of one gap before they are 
 uint32 RequestInterval(uint32 dwRTT, uint32 dwConfigured);
 
 /// Is the gap before a packet due to be asked for (again)?
-bool IsRequestDue(uint16 wLostReqCnt, uint32 dwSinceArrival, uint32 dwSinceRequest,
-                  const tagRequestTiming& stTiming);
+inline bool IsRequestDue(uint16 wLostReqCnt, uint32 dwSinceArrival, uint32 dwSinceRequest,
+                         const tagRequestTiming& stTiming)
+{
+    if (dwSinceArrival <= stTiming.dwFirstDelay)
+        return wLostReqCnt == 0; // once, on sight
+    if (wLostReqCnt < c_wQuickRequests)
+        return true;                              // then one per scan, in case the first was lost too
+    return dwSinceRequest >= stTiming.dwInterval; // then paced, so a dead sender is not flooded
+}
 
 // ---- Loss detection ----------------------------------------------------------------------------------------
 
 /// A first packet that arrived into a gap already counted for the second: what remains missing before it is
 /// the old count minus the distance. @return true and the count (8-bit) when the rule applies.
-bool HeadLost(const tagDataPacket& stFirst, const tagDataPacket& stSecond, uint8& cLost);
+inline bool HeadLost(const tagDataPacket& stFirst, const tagDataPacket& stSecond, uint8& cLost)
+{
+    const uint32 dwLost = stSecond.dwSenderSeq - stFirst.dwSenderSeq;
+    if (stFirst.cIsCalcLost != 0 || stSecond.cPrePkgLost <= dwLost - 1)
+        return false;
+    cLost = (uint8)(stSecond.cPrePkgLost - dwLost); // modulo 256
+    return true;
+}
 
 /// The video loss walk: what it knows of the packet before the present one.
 struct tagVidWalk
