@@ -9,7 +9,11 @@
  * is started before and stopped after it, untimed. Time is what a clock on the wall says. The clock of the receiver
  * is the machine's.
  *
- *   cpu_ns/call   processor time of a network thread per call; what it spends waiting asleep is not in it
+ *   cpu_ns/call   processor time of a network thread per call, bench_ns taken off; what it spends waiting asleep is
+ *                 not in it
+ *   bench_ns/call what each call's packet costs the bench: its head is written anew right before the call, as a
+ *                 decoder would, which fetches its memory from wherever the worker left it. Measured by a second pass
+ *                 that writes the heads and calls nobody.
  *   calls/s       of all threads together, by the wall clock: what more threads are for. On a machine that does other
  *                 things, or has fewer cores than threads, this tells more about the machine.
  *   turns         that the worker made per batch
@@ -64,11 +68,23 @@ double WallSeconds()
     return duration<double>(steady_clock::now().time_since_epoch()).count();
 }
 
+// A packet that is due at once.
+void WriteHead(CIntakePacket& packet, uint32 dwSeq)
+{
+    packet.wLen = 1000;
+    packet.dwSenderSeq = dwSeq;
+    packet.m_stHead.cSubType = MEAVMaxVideo;
+    packet.m_stHead.cFrmType = def_FrameType_I;
+    packet.m_stHead.cTotalPkgCount = 1;
+    packet.m_stHead.uTimeStamp = 100000;
+}
+
 struct tagFeeder
 {
     uint64 ullUin = 0;
     std::vector<CScopePtr<CIntakePacket>> vecPackets;
-    double dCpu = 0;
+    double dCpu = 0;   // of the calls and the heads
+    double dHeads = 0; // of the heads alone
     double dEnd = 0;
 };
 
@@ -86,18 +102,14 @@ void Intake(benchmark::State& state)
         for (uint32 dwSeq = 0; dwSeq < c_dwCalls; ++dwSeq)
         {
             CScopePtr<CIntakePacket> p(new CIntakePacket);
-            p->wLen = 1000;
             p->bufBody.pbuf = (uint8*)&p->m_stHead;
             p->bufBody.ulen = sizeof(p->m_stHead);
-            p->m_stHead.cSubType = MEAVMaxVideo;
-            p->m_stHead.cFrmType = def_FrameType_I; // due at once
-            p->m_stHead.cTotalPkgCount = 1;
-            p->m_stHead.uTimeStamp = 100000;
             vecFeeders[i].vecPackets.push_back(p);
         }
     }
 
     double dCpu = 0;
+    double dHeads = 0;
     double dWall = 0;
     uint64 ullTurns = 0;
     uint64 ullBatches = 0;
@@ -123,11 +135,17 @@ void Intake(benchmark::State& state)
                     uint32 dwSeq = 1000;
                     for (const CScopePtr<CIntakePacket>& pPacket : stFeeder.vecPackets)
                     {
+                        WriteHead(*pPacket, dwSeq);
                         recv.UDTReceiveNetData(dwSeq, stFeeder.ullUin, dwSeq, 0, MEAVMaxVideo, pPacket.p);
                         ++dwSeq;
                     }
                     stFeeder.dCpu = ThreadSeconds() - dBegin;
                     stFeeder.dEnd = WallSeconds();
+
+                    const double dBeginHeads = ThreadSeconds();
+                    for (const CScopePtr<CIntakePacket>& pPacket : stFeeder.vecPackets)
+                        WriteHead(*pPacket, ++dwSeq);
+                    stFeeder.dHeads = ThreadSeconds() - dBeginHeads;
                 });
         }
         std::thread worker(
@@ -154,6 +172,7 @@ void Intake(benchmark::State& state)
         for (const tagFeeder& stFeeder : vecFeeders)
         {
             dCpu += stFeeder.dCpu;
+            dHeads += stFeeder.dHeads;
             dEnd = std::max(dEnd, stFeeder.dEnd);
         }
         state.SetIterationTime(dEnd - dBegin);
@@ -165,7 +184,8 @@ void Intake(benchmark::State& state)
     if (!bAllCame)
         state.SkipWithError("not every packet came out");
     const double dCalls = (double)(ullBatches * nThreads * c_dwCalls);
-    state.counters["cpu_ns/call"] = dCpu * 1e9 / dCalls;
+    state.counters["cpu_ns/call"] = (dCpu - dHeads) * 1e9 / dCalls;
+    state.counters["bench_ns/call"] = dHeads * 1e9 / dCalls;
     state.counters["calls/s"] = dCalls / dWall;
     state.counters["turns"] = (double)ullTurns / (double)ullBatches;
 }
