@@ -5,7 +5,7 @@
 #   count_instructions.sh [--check LIMITS] [--seconds N] [--profile DIR] PATH_ONCE [CASE...]
 #
 # A CASE is PATTERN:RATE, default a:312 to f:312, c:1000, e:1000; or floor:312, the bench without a receiver, whose
-# share every figure contains. LIMITS holds lines "CASE INSTRUCTIONS"; with --check the cases are those of that file
+# share every figure contains; or roomUSERS:BUFFER_MS, for example room50:6000. LIMITS holds lines "CASE INSTRUCTIONS"; with --check the cases are those of that file
 # unless some are named, and the exit code is 1 when one takes more. --profile keeps the callgrind files.
 set -euo pipefail
 
@@ -49,7 +49,10 @@ for case in "${cases[@]}"
 do
     pattern=${case%%:*} rate=${case#*:}
     arguments=("$pattern" "$rate" "$seconds")
-    [ "$pattern" != floor ] || arguments=(c "$rate" "$seconds" nobody)
+    case $pattern in
+        floor) arguments=(c "$rate" "$seconds" nobody) ;;
+        room*) arguments=(room "${pattern#room}" "$rate" "$seconds") ;;
+    esac
     out=${profile:-$work}/callgrind.${case/:/.}
     # No environment and no address randomness: neither moves a count, but nobody shall have to wonder.
     if ! env -i PATH="$PATH" valgrind --tool=callgrind --log-file="$work/valgrind" --callgrind-out-file="$out" --toggle-collect=MeasuredLoop \

@@ -137,8 +137,16 @@ def simulate(program, arguments):
     return {"wall_s": wall, "cpu_s": after.ru_utime - before.ru_utime + after.ru_stime - before.ru_stime}
 
 
-def count_instructions(build, seconds):
-    cases = [f"{p}:312" for p in PATTERNS] + ["c:1000", "e:1000", "c:10000", "e:10000", "floor:312"]
+def rooms_to_count(results, side):
+    """Those that take seconds, not hours, under callgrind."""
+    for users in (1, 10, 50):
+        for buffer_ms in (500, 2000, 6000):
+            cost = results.get(side, f"Room/users:{users}/buffer_ms:{buffer_ms}/clock:0", "ns_per_pkt")
+            if cost is not None and cost * users < 20000:
+                yield f"room{users}:{buffer_ms}"
+
+
+def count_instructions(build, seconds, cases):
     text = output(str(ROOT / "bench/count_instructions.sh"), "--seconds", str(seconds), str(build / "bench/path_once"),
                   *cases)
     return {line.split()[0]: float(line.split()[3]) for line in text.splitlines()[1:]}
@@ -193,8 +201,10 @@ def run_all(sides, options):
         say(f"\r  round {number + 1} of {options.rounds} done after {time.monotonic() - start:.0f} s" + " " * 60)
     if everything.search("instructions"):
         for side, build in sides.items():
-            for case, value in count_instructions(build, options.count_seconds).items():
-                results.add(side, case, {"instructions": value})
+            streams = [f"{p}:312" for p in PATTERNS] + ["c:1000", "e:1000", "c:10000", "e:10000", "floor:312"]
+            for seconds, cases in ((options.count_seconds, streams), (5, list(rooms_to_count(results, side)))):
+                for case, value in (count_instructions(build, seconds, cases) if cases else {}).items():
+                    results.add(side, case, {"instructions": value})
     return results
 
 
@@ -338,7 +348,13 @@ def rooms_table(results):
                 before, after = (results.get(side, case, "ns_per_pkt") for side in (BEFORE, AFTER))
                 cells.append(f"{number(before, 0)} → {number(after, 0)}" if before else number(after, 0))
             if any(cells):
-                rows.append([f"{users} user{'s' if users > 1 else ''}, {what}", *cells])
+                rows.append([f"{users} user{'s' if users > 1 else ''}, ns, {what}", *cells])
+        cells = []
+        for buffer_ms in (500, 2000, 6000):
+            before, after = (results.get(side, f"room{users}:{buffer_ms}", "instructions") for side in (BEFORE, AFTER))
+            cells.append(f"{number(before, 0) or '-'} → {number(after, 0)}" if after else "")
+        if any(cells):
+            rows.append([f"{users} user{'s' if users > 1 else ''}, instructions", *cells])
     return table(["", "0.5 s", "2 s", "6 s"], rows)
 
 
