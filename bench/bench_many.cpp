@@ -3,13 +3,16 @@
  *
  *   Many/receivers:N/load:L/drive:D    N receivers for 3 s of real time on the machine's clock. L = 0: started and
  *                                      idle. L = 1: each takes and plays one audio stream, 50 packets/s. D = 0: a
- *                                      thread of its own each, as Start makes it.
+ *                                      thread of its own each, as Start makes it; D = 1: owner-driven, all of
+ *                                      them by one bare loop that sleeps until the next 10 ms are over
  *
  * Time per iteration is the 3 s; what counts is
  *
  *   cpu_pct        processor time of the process in percent of one core, the feeding thread's not counted
  *   us/recv/s      the same per receiver and second
- *   rss_kB/recv    resident memory per receiver, threads' stacks included
+ *   rss_kB/recv    resident memory that came with a receiver, threads' stacks included; memory that an earlier case left
+ *                  behind is used again, so look at it with one case per process
+ *   late_us_p99    how long after the 10 ms were over the last receiver's turn was made, of 100 turns the 99th (D = 1)
  *   played_pct     packets played of those that were due; above 100 while buffers settle, below 99 the machine did
  *                  not keep up
  */
@@ -19,6 +22,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -86,7 +90,107 @@ struct tagMember
     uint32 dwSeq = 1000;
 };
 
-void Many(benchmark::State& state, size_t nReceivers, bool bLoaded)
+// ---- Drives ----------------------------------------------------------------------------------------------------
+
+/// Who makes the receivers' turns.
+class IDrive
+{
+public:
+    virtual ~IDrive() = default;
+    virtual void Start(std::vector<std::unique_ptr<tagMember>>& vecMembers) = 0;
+    virtual void Stop(std::vector<std::unique_ptr<tagMember>>& vecMembers) = 0;
+    virtual void Tell(benchmark::State&) {} ///< what else there is to know, after the stop
+};
+
+class COwnThreads : public IDrive
+{
+public:
+    void Start(std::vector<std::unique_ptr<tagMember>>& vecMembers) override
+    {
+        for (const std::unique_ptr<tagMember>& pMember : vecMembers)
+            pMember->recv.Start();
+    }
+    void Stop(std::vector<std::unique_ptr<tagMember>>& vecMembers) override
+    {
+        // Each takes 200 ms: many at once.
+        constexpr size_t c_nStoppers = 50;
+        std::vector<std::thread> vecStoppers;
+        for (size_t nStopper = 0; nStopper < c_nStoppers; ++nStopper)
+        {
+            vecStoppers.emplace_back(
+                [&vecMembers, nStopper]
+                {
+                    for (size_t i = nStopper; i < vecMembers.size(); i += c_nStoppers)
+                        vecMembers[i]->recv.Stop();
+                });
+        }
+        for (std::thread& thread : vecStoppers)
+            thread.join();
+    }
+};
+
+class CBareLoop : public IDrive
+{
+public:
+    void Start(std::vector<std::unique_ptr<tagMember>>& vecMembers) override
+    {
+        for (const std::unique_ptr<tagMember>& pMember : vecMembers)
+        {
+            pMember->recv.SetOwnerDriven(TRUE);
+            pMember->recv.Start();
+        }
+        m_thread = std::thread(
+            [this, &vecMembers]
+            {
+                const steady_clock::time_point stBegin = steady_clock::now();
+                for (int nTurn = 0; !m_bStop; ++nTurn)
+                {
+                    const steady_clock::time_point stDue = stBegin + milliseconds(10 * nTurn);
+                    std::this_thread::sleep_until(stDue);
+                    for (const std::unique_ptr<tagMember>& pMember : vecMembers)
+                        pMember->recv.RunTurn();
+                    // The last receiver's turn was made so long after it was due.
+                    m_vecLateUs.push_back(duration<double, std::micro>(steady_clock::now() - stDue).count());
+                }
+            });
+    }
+    void Stop(std::vector<std::unique_ptr<tagMember>>& vecMembers) override
+    {
+        m_bStop = true;
+        m_thread.join();
+        for (const std::unique_ptr<tagMember>& pMember : vecMembers)
+            pMember->recv.Stop();
+    }
+    void Tell(benchmark::State& state) override
+    {
+        std::sort(m_vecLateUs.begin(), m_vecLateUs.end());
+        state.counters["late_us_p50"] = m_vecLateUs[m_vecLateUs.size() / 2];
+        state.counters["late_us_p99"] = m_vecLateUs[m_vecLateUs.size() * 99 / 100];
+    }
+
+private:
+    std::thread m_thread;
+    std::atomic<bool> m_bStop{false};
+    std::vector<double> m_vecLateUs;
+};
+
+struct tagDrive
+{
+    int nDrive; // as the case's name has it
+    std::unique_ptr<IDrive> (*pfnMake)();
+};
+
+template <class Drive>
+std::unique_ptr<IDrive> Make()
+{
+    return std::make_unique<Drive>();
+}
+
+constexpr tagDrive c_aDrives[] = {{0, Make<COwnThreads>}, {1, Make<CBareLoop>}};
+
+// ---- Cases -----------------------------------------------------------------------------------------------------
+
+void Many(benchmark::State& state, size_t nReceivers, bool bLoaded, const tagDrive& stDrive)
 {
     for (auto _ : state)
     {
@@ -99,9 +203,10 @@ void Many(benchmark::State& state, size_t nReceivers, bool bLoaded)
             tagUDTRecvParams params;
             params.wTimelineDelta = 200;
             vecMembers.back()->recv.UDTSetRecvParams(params);
-            vecMembers.back()->recv.Start();
             vecMembers.back()->recv.SetRoomState(c_dwRoomStatePlaying);
         }
+        const std::unique_ptr<IDrive> pDrive = stDrive.pfnMake();
+        pDrive->Start(vecMembers);
 
         // One second to settle, then the measured ones. Half of the receivers get a packet every 10 ms.
         double dFed = 0;
@@ -145,20 +250,7 @@ void Many(benchmark::State& state, size_t nReceivers, bool bLoaded)
         ullPlayed = owner.m_ullReleased - ullPlayed;
         const double dMemory = ResidentBytes() - dResident;
 
-        // A receiver with a thread of its own takes 200 ms to stop: all at once.
-        const size_t nStoppers = 50;
-        std::vector<std::thread> vecStoppers;
-        for (size_t nStopper = 0; nStopper < nStoppers; ++nStopper)
-        {
-            vecStoppers.emplace_back(
-                [&vecMembers, nStopper]
-                {
-                    for (size_t i = nStopper; i < vecMembers.size(); i += nStoppers)
-                        vecMembers[i]->recv.Stop();
-                });
-        }
-        for (std::thread& thread : vecStoppers)
-            thread.join();
+        pDrive->Stop(vecMembers);
 
         state.SetIterationTime(dWall);
         state.counters["cpu_pct"] = 100 * dCpu / dWall;
@@ -166,6 +258,7 @@ void Many(benchmark::State& state, size_t nReceivers, bool bLoaded)
         state.counters["rss_kB/recv"] = dMemory / 1024 / (double)nReceivers;
         if (bLoaded)
             state.counters["played_pct"] = 100 * (double)ullPlayed / dFed;
+        pDrive->Tell(state);
     }
 }
 
@@ -178,13 +271,18 @@ int main(int argc, char** argv)
     {
         for (const bool bLoaded : {false, true})
         {
-            const std::string strName = "Many/receivers:" + std::to_string(nReceivers) +
-                                        "/load:" + std::to_string((int)bLoaded) + "/drive:0";
-            benchmark::RegisterBenchmark(strName.c_str(), [nReceivers, bLoaded](benchmark::State& state)
-                                         { Many(state, nReceivers, bLoaded); })
-                ->UseManualTime()
-                ->Iterations(1)
-                ->Unit(benchmark::kSecond);
+            for (const tagDrive& stDrive : c_aDrives)
+            {
+                const std::string strName = "Many/receivers:" + std::to_string(nReceivers) +
+                                            "/load:" + std::to_string((int)bLoaded) +
+                                            "/drive:" + std::to_string(stDrive.nDrive);
+                benchmark::RegisterBenchmark(strName.c_str(),
+                                             [nReceivers, bLoaded, stDrive](benchmark::State& state)
+                                             { Many(state, nReceivers, bLoaded, stDrive); })
+                    ->UseManualTime()
+                    ->Iterations(1)
+                    ->Unit(benchmark::kSecond);
+            }
         }
     }
     benchmark::Initialize(&argc, argv);

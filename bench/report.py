@@ -301,11 +301,12 @@ def targets_table(results):
     for what in SIMULATIONS:
         row(f"an hour of a 4-user call simulated, {what}", "s", 10,
             lambda side, what=what: results.get(side, "simulate: " + what, "wall_s"), 1)
-    many = [c for c in results.values.get(AFTER, {}) if re.match(r"Many/receivers:1000/load:1/drive:[1-9]", c)]
+    # Drive 2 is the library's pool; 1 is a bare loop of the bench, which shows what can be had at all.
+    many = [c for c in results.values.get(AFTER, {}) if re.match(r"Many/receivers:1000/load:1/drive:2", c)]
     own = results.get(AFTER, "Many/receivers:1000/load:1/drive:0/iterations:1/manual_time", "us/recv/s")
     for case in many:
         pooled = results.get(AFTER, case, "us/recv/s")
-        rows.append([f"1000 receivers with a stream each, {case.split('/')[3]}, over a thread each", "ratio", "",
+        rows.append(["1000 receivers with a stream each, pooled over a thread each", "ratio", "",
                      number(pooled / own, 2), "at most 0.10", "yes" if pooled / own <= 0.1 else "**no**"])
     return table(["", "unit", "before", "now", "limit", "met"], rows)
 
@@ -403,7 +404,7 @@ def many_table(results):
             cells.append(f"{number(before, digits)} → {number(after, digits)}" if before is not None
                          else number(after, digits))
         what = "one audio stream each" if match.group(2) == "1" else "idle"
-        drive = "own threads" if match.group(3) == "0" else f"pool, drive {match.group(3)}"
+        drive = {"0": "own threads", "1": "one bare loop", "2": "pooled"}.get(match.group(3), f"drive {match.group(3)}")
         late = results.get(AFTER, case, "late_us_p99")
         rows.append([f"{match.group(1)}, {what}, {drive}", *cells, number(late, 0)])
     return table(["receivers", "% of one core", "µs per receiver and second", "kB resident each", "lateness p99, µs"],
