@@ -59,7 +59,8 @@ CAVGUdtRecv::CAVGUdtRecv(IUDTRecvEventCallBack* pCB)
       m_dwServPushGopNum(c_dwServerPushGopNum), m_dwMinDelayFromServ(c_dwDefaultMinDelay),
       m_dwIFrmPkgLostInfo(0), m_dwPushStmDone(0), m_dwAVSyncAdjSwitch(1), m_LogPrintFlag(0),
       m_dwOutDelayDone(0), m_dwChnClearNum(0), m_dwUinNum(0), m_dwMultiUinAVSync(0), m_dwLogPrintTimer(0),
-      m_dwLastPrintTick(0), m_pstReleasing(nullptr), m_bInTurn(FALSE), m_bStoppedInTurn(FALSE)
+      m_dwLastPrintTick(0), m_nSpareWanted(0), m_pstReleasing(nullptr), m_bInTurn(FALSE),
+      m_bStoppedInTurn(FALSE)
 {
 }
 

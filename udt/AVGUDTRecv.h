@@ -114,6 +114,7 @@ private:
         HANDLE_TAKE  ///< a packet that is buffered takes the caller's reference along
     };
     void Deliver();
+    void TakeRawData();
     void HandleRawData(std::list<tagDataPacket>& listRawData);
     void CalcLostInfo();
     void OnDataHandleNew(tagDataPacket& dataPacket);
@@ -270,6 +271,7 @@ private:
     // Used again and again, so that a turn allocates nothing.
     std::list<tagDataPacket> m_listSpare; // [D] emptied nodes of m_listRawData
     std::list<tagDataPacket> m_listTaken; // [W] what this turn took from there, or its nodes
+    size_t m_nSpareWanted;                // [W] nodes that the last turns used
     MapUinSeq m_mapLost;                  // [W] the request being gathered; its vectors are empty in between
     std::vector<uint32> m_vecIFrmLost;    // [W] of the I frame being walked
     std::vector<tagReplyData> m_vecReply; // [W] the message being sent

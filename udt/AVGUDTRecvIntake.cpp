@@ -29,8 +29,9 @@ bool IsVideoWithLoss(uint8 cSubType)
     return cSubType == MEAVMaxVideo || cSubType == MEAVMinVideo || cSubType == MEAVSubVideo;
 }
 
-// A turn that took more than this comes after the worker was held up; its emptied list nodes are not kept.
-constexpr size_t c_nSpareNodes = 1024;
+constexpr size_t c_nSpareLeast = 1024;  // emptied list nodes that are kept whatever came
+constexpr size_t c_nSpareDecay = 64;    // turns that a large intake is remembered, as a time constant
+constexpr size_t c_nSpareGivenUp = 256; // nodes given back per turn
 
 void FillFromHead(tagDataPacket& dataPacket, const tagUdtPacketHeadInfo& stHeadInfo)
 {
@@ -113,13 +114,8 @@ catch (const std::bad_alloc&)
 
 void CAVGUdtRecv::Deliver()
 {
-    if (m_listTaken.size() > c_nSpareNodes)
-        m_listTaken.clear();
-    {
-        CXPAutoLock lock(m_dataLock);
-        m_listSpare.splice(m_listSpare.end(), m_listTaken);
-        m_listTaken.swap(m_listRawData);
-    }
+    TakeRawData();
+
     // At the end nodes without packets are left in the list, and packets that were dropped. Those go when all are
     // handled, and also when memory ran out before that: the last reference may be here.
     struct tagDrop
@@ -140,6 +136,19 @@ void CAVGUdtRecv::Deliver()
     CalcLostInfo();
     UdtModeProcessNew();
     ApplyClearRequest();
+}
+
+// Gives the last turn's list nodes back and takes what has come. The network threads keep as many spare nodes as they
+// lately used.
+void CAVGUdtRecv::TakeRawData()
+{
+    m_nSpareWanted = std::max(m_listTaken.size(), m_nSpareWanted - m_nSpareWanted / c_nSpareDecay);
+    std::list<tagDataPacket> listGivenUp;
+    CXPAutoLock lock(m_dataLock);
+    m_listSpare.splice(m_listSpare.end(), m_listTaken);
+    m_listTaken.swap(m_listRawData);
+    while (m_listSpare.size() > m_nSpareWanted + c_nSpareLeast && listGivenUp.size() < c_nSpareGivenUp)
+        listGivenUp.splice(listGivenUp.end(), m_listSpare, m_listSpare.begin());
 }
 
 void CAVGUdtRecv::HandleRawData(std::list<tagDataPacket>& listRawData)
