@@ -7,7 +7,8 @@
  *
  * UDT_LOCKSTEP_TURNS sets the turns of the random test (20,000; 5,000 under the address sanitizer),
  * UDT_LOCKSTEP_SEED the seed (a new one per run). The seed is printed; a program of the same compiler runs the
- * same way with it. A failing run is made again with ever fewer calls, and the few that are left are printed.
+ * same way with it. A failing run is made again with ever fewer calls, and the few that are left are printed;
+ * UDT_LOCKSTEP_SHRINK seconds (30) go into that.
  */
 
 #include "LockstepWorld.h"
@@ -122,7 +123,8 @@ void OneRun(CLockstepChance& chance, uint32 dwTurns, tagMet& stMet)
     }
     if (bSame)
         return;
-    const std::vector<tagTwinCall> vecFew = Shrink(stSetup, vecCalls, 20);
+    const std::vector<tagTwinCall> vecFew =
+        Shrink(stSetup, vecCalls, (uint32)FromEnv("UDT_LOCKSTEP_SHRINK", 30));
     std::string strFew = strWhat;
     Replay(stSetup, vecFew, strFew);
     ADD_FAILURE() << "turn " << stMet.ullTurns << ", call " << vecCalls.size() << " of the run: " << strWhat
