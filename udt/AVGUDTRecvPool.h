@@ -2,6 +2,7 @@
 #define AVGUDTRECVPOOL_H
 
 /**
+ * @file
  * Steps many owner-driven receivers with few threads.
  *
  * A receiver of its own thread wakes that thread a hundred times a second, whether anything came or not. Where a
@@ -39,6 +40,7 @@ constexpr uint32 c_dwRecvPoolTurnUs = 10000; ///< between the turns of a receive
 constexpr uint32 c_dwRecvPoolSlotUs = 2000;  ///< turns that are due within one slot are made at one waking
 constexpr uint32 c_dwRecvPoolLateUs = 5000;  ///< a turn this much behind its time counts as late
 
+/** Threads that make the turns of owner-driven receivers; see the head of this file. */
 class CAVGUdtRecvPool
 {
 public:
