@@ -139,7 +139,7 @@ public:
             push_back(dwSeq, value);
             return end() - 1;
         }
-        iterator it = SearchFrom(itNear, dwSeq);
+        iterator it = SearchFrom(itNear != m_pEnd ? itNear : m_pBegin, dwSeq);
         if (it->first != dwSeq)
             it = emplace(dwSeq, value).first;
         it->second = value;
@@ -257,7 +257,7 @@ private:
     void MakeRoom()
     {
         const size_t nEntries = size();
-        if (m_pArray != m_pLimit && m_pBegin - m_pArray >= (m_pLimit - m_pArray) / 2)
+        if (m_pBegin != m_pArray && m_pBegin - m_pArray >= (m_pLimit - m_pArray) / 2)
         {
             Move(m_pArray, m_pBegin, (ptrdiff_t)nEntries);
             m_pBegin = m_pArray;
