@@ -124,7 +124,7 @@ void CLockstepWorld::NewPhase()
         st.dwPace = 0;
         st.dwKnobs = m_chance.Of({0, 0, 0, 30});
     }
-    else if (dwKind < 74) // some are silent
+    else if (dwKind < 72) // some are silent
     {
         for (tagSender& stSender : m_vecSenders)
             stSender.bMuted = m_chance.OneIn(2);
@@ -137,16 +137,16 @@ void CLockstepWorld::NewPhase()
         st.dwMediaLeap = m_chance.Of({0, 2, 10});
         st.dwJitter = m_chance.Of({0, 50});
     }
-    else if (dwKind < 87) // heads of any kind
+    else if (dwKind < 85) // heads of any kind
     {
         st.dwWild = m_chance.Of({5, 50, 500});
         st.dwLoss = m_chance.Of({0, 30});
         st.dwJitter = m_chance.Of({0, 40});
         st.dwSeqLeap = m_chance.Of({0, 0, 20});
     }
-    else if (dwKind < 95) // streams come and go
+    else if (dwKind < 94) // streams come and go
     {
-        st.dwNewStreams = m_chance.Of({30, 100});
+        st.dwNewStreams = m_chance.Of({30, 100, 200});
         st.dwClears = m_chance.Of({0, 20, 60});
         st.dwLoss = m_chance.Of({0, 20, 100});
         st.dwJitter = m_chance.Of({0, 40});
@@ -154,7 +154,7 @@ void CLockstepWorld::NewPhase()
     else // the owner plays with everything
     {
         st.dwKnobs = m_bCalm ? 40 : 250;
-        st.dwDoors = m_bCalm ? 10 : 100;
+        st.dwDoors = m_bCalm ? 40 : 150;
         st.dwNewStreams = 20;
         st.dwLoss = m_chance.Of({30, 200});
         st.dwModes = m_chance.Of({0, 20, 300});
@@ -201,7 +201,7 @@ void CLockstepWorld::NewSender()
     st.dwFec = m_chance.Of({0, 0, 1, 3});
     st.dwPkgs = m_chance.Of({1, 2, 4, 9});
     st.dwInGop = m_chance.OneIn(3) ? m_chance.Below(st.dwGopLen) : 0;
-    st.dwRagged = m_chance.Of({0, 2, 4, 12});
+    st.dwRagged = m_chance.Of({0, 2, 4, 12, 40});
     st.dwRaggedMs = m_chance.Of({15, 60, 300});
     m_vecSenders.push_back(st);
     if (m_chance.OneIn(2))
@@ -323,8 +323,8 @@ void CLockstepWorld::Send(tagSender& st, tagRigPacket stPacket)
     if (m_chance.PerMille(m_stPhase.dwSeqLeap))
     {
         const uint32 dwLast = st.dwSeq - 1;
-        st.dwSeq += m_chance.Of({1,    2,      29,     30,     31,     98,     99,     100,     101,
-                                 102,  254,    255,    256,    257,    511,    512,    513,     768,
+        st.dwSeq += m_chance.Of({1,    2,      29,     30,     31,     98,     99,     100,     101, 102,
+                                 254,  255,    256,    256,    256,    257,    511,    512,     513, 768,
                                  1024, 0x7FFD, 0x7FFE, 0x7FFF, 0x8000, 0u - 1, 0u - 3, 0u - 300});
         if (m_chance.OneIn(30))
             st.dwSeq = AnySeq();
@@ -499,8 +499,8 @@ tagTwinCall CLockstepWorld::DoorCall()
     }
     if (st.eCall == CALL_LOSE_USER)
         st = Call(CALL_ROOM, 3); // no walk survives that from inside
-    st.eDoor = (emTwinDoor)m_chance.Between(DOOR_RELEASE, DOOR_PARSE);
-    st.dwDoorCount = m_chance.Between(1, 12);
+    st.eDoor = (emTwinDoor)m_chance.Of({DOOR_RELEASE, DOOR_RELEASE, DOOR_REQUEST, DOOR_PARSE});
+    st.dwDoorCount = m_chance.Between(1, m_chance.Of({2, 12}));
     return st;
 }
 
@@ -524,6 +524,16 @@ void CLockstepWorld::OwnersCalls(std::vector<tagTwinCall>& vecCalls)
         make(Call(CALL_START));
         make(Call(CALL_ROOM, 3));
     }
+    if (m_bReopen)
+        make(Call(CALL_ROOM, 3));
+    m_bReopen = m_chance.PerMille(m_stPhase.dwDoors / 2);
+    if (m_bReopen) // the room closes between two releases of one turn
+    {
+        tagTwinCall st = Call(CALL_ROOM, m_chance.Below(3));
+        st.eDoor = DOOR_RELEASE;
+        st.dwDoorCount = m_chance.Between(1, 3);
+        vecCalls.push_back(st);
+    }
     if (m_chance.PerMille(m_stPhase.dwKnobs))
         make(Knob());
     if (m_chance.PerMille(m_stPhase.dwModes))
@@ -542,9 +552,9 @@ void CLockstepWorld::OwnersCalls(std::vector<tagTwinCall>& vecCalls)
         make(DoorCall());
 
     // Packets that come in while the worker files others, and a clearing that finds them there.
-    if (m_chance.PerMille(m_stPhase.dwDoors / 2))
+    if (m_chance.PerMille(m_stPhase.dwDoors))
     {
-        make(Call(CALL_CLEAR, m_chance.Of({1, 2, 3, 7, 0xFF}), AnyUin()));
+        make(Call(CALL_CLEAR, m_chance.Of({1, 2, 2, 3, 7, 0xFF}), AnyUin()));
         for (uint32 n = m_chance.Between(1, 6); n != 0; --n)
         {
             tagTwinCall st = FeedNow();

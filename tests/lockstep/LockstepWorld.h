@@ -127,7 +127,8 @@ private:
     std::multimap<uint64, tagRigPacket> m_mapWire;
     uint32 m_dwDownSeq;
     uint32 m_dwUsers;
-    bool m_bCalm; ///< the owner of this run turns few knobs
+    bool m_bReopen = false; ///< the room is to be opened on the next turn
+    bool m_bCalm;           ///< the owner of this run turns few knobs
 };
 
 #endif // LOCKSTEPWORLD_H
