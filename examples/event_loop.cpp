@@ -100,7 +100,7 @@ int main()
             ++dwTurns;
         }
         if (stSend.dwSeq < c_dwPackets &&
-            xp_gettickcount() - ullStart >= 20 * stSend.dwSeq) // the far end of the call
+            xp_gettickcount() - ullStart >= 20ull * stSend.dwSeq) // the far end of the call
         {
             sendto(nSocket, &stSend, sizeof(stSend), 0, (sockaddr*)&stOwn, sizeof(stOwn));
             ++stSend.dwSeq;

@@ -109,7 +109,7 @@ int main()
     std::vector<bool> vecAnswered(c_dwPackets);
     while (owner.m_dwPlayed < c_dwPackets && xp_gettickcount() - ullStart < 15000)
     {
-        if (dwSeq < c_dwPackets && xp_gettickcount() - ullStart >= 20 * dwSeq)
+        if (dwSeq < c_dwPackets && xp_gettickcount() - ullStart >= 20ull * dwSeq)
         {
             if (dwSeq % 15 == 14)
                 ++dwDown; // lost

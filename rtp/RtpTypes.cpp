@@ -24,7 +24,7 @@ std::string tagRtpAddr::Text() const
     // RFC 5952: the longest run of zero groups, two or more, is written as "::".
     unsigned auGroup[8];
     for (int i = 0; i < 8; i++)
-        auGroup[i] = (unsigned)aAddr[2 * i] << 8 | aAddr[2 * i + 1];
+        auGroup[i] = (unsigned)aAddr[2 * (size_t)i] << 8 | aAddr[2 * (size_t)i + 1];
     int nRun = -1;
     int nRunLen = 1;
     for (int i = 0; i < 8; i++)

@@ -18,6 +18,7 @@ typedef struct tag_st_obj
     /// Nobody refers to a copy yet, whatever is copied; and assigning contents moves no references.
     tag_st_obj(const tag_st_obj&) : pInternal(nullptr), iRefs(0) {}
     /// Assigning contents moves no references.
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it assigns nothing
     tag_st_obj& operator=(const tag_st_obj&) { return *this; }
 
     virtual ~tag_st_obj();
@@ -83,6 +84,7 @@ public:
     }
 
     /// Takes a reference of its own, then gives the old one back.
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the new reference is taken before the old one is given back
     CScopePtr& operator=(const CScopePtr& other) { return *this = other.p; }
 
     /// Takes over the reference, then gives the old one back.
