@@ -29,7 +29,13 @@ endfunction()
 
 # udt_install_side(COMPONENT TARGET FOLDER DESCRIPTION REQUIRES): a static library beside the receiver, as udt::COMPONENT.
 function(udt_install_side COMPONENT TARGET FOLDER DESCRIPTION REQUIRES)
-  set_target_properties(${TARGET} PROPERTIES EXPORT_NAME ${COMPONENT})
+  # Installed, all headers are in one folder; and what a static library only compiles with, nobody links.
+  get_target_property(FOLDERS ${TARGET} INTERFACE_INCLUDE_DIRECTORIES)
+  list(TRANSFORM FOLDERS REPLACE "^(/.*)$" "$<BUILD_INTERFACE:\\1>")
+  get_target_property(LIBRARIES ${TARGET} INTERFACE_LINK_LIBRARIES)
+  list(FILTER LIBRARIES EXCLUDE REGEX "LINK_ONLY:nlohmann_json")
+  set_target_properties(${TARGET} PROPERTIES EXPORT_NAME ${COMPONENT} INTERFACE_INCLUDE_DIRECTORIES "${FOLDERS}"
+                        INTERFACE_LINK_LIBRARIES "${LIBRARIES}" POSITION_INDEPENDENT_CODE ON)
   install(TARGETS ${TARGET} EXPORT udt${COMPONENT}Targets
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
           INCLUDES DESTINATION ${UDT_HEADER_DIR})

@@ -169,6 +169,7 @@ void WriteCall(const std::string& strPath, uint64_t ullSeconds)
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): a benchmark without memory may end like that
 int main(int argc, char** argv)
 {
     CLI::App app("replays an hour of a call and says what it cost");

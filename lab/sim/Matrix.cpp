@@ -370,12 +370,13 @@ bool MergeMatrix(const std::vector<std::string>& vecFiles, std::string& strCsv, 
                                    strFile, c_pszMagic);
             return false;
         }
+        const std::string strThisHead = fmt::format("{}\n{}\n", strGrid, strColumns);
         if (strHead.empty())
         {
-            strHead = strGrid + "\n" + strColumns + "\n";
+            strHead = strThisHead;
             strFirst = strFile;
         }
-        if (strHead != strGrid + "\n" + strColumns + "\n")
+        if (strHead != strThisHead)
         {
             strError = fmt::format("{}: line 1: another grid than that of {}", strFile, strFirst);
             return false;

@@ -23,6 +23,7 @@ enum emMatrixAxis
     MATRIX_AXES
 };
 
+// NOLINTNEXTLINE(bugprone-exception-escape): a fresh JSON value is null and allocates nothing
 struct tagMatrix
 {
     nlohmann::ordered_json jScenario; // what all cells share
