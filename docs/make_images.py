@@ -332,6 +332,49 @@ def draw_pairing():
     return svg
 
 
+def draw_log():
+    svg = Svg(860, 300, "Log lines over the life of a stream")
+    y = 60
+    svg.line(30, y, 838, y, INK, 1.4, arrow=True)
+    svg.text(838, y + 18, "time", DIM, 11, "end")
+    events = [(60, "first packet", "First pkg isn't I frame", BLUE), (150, "first key frame", "FirstIFrmRecv", BLUE),
+              (240, "released", "Chn waiting for output is done\nTimelineOut Init", GREEN),
+              (350, "first picture", "I-frame last pkg is out\nfirst I-frm can be decoded", GREEN),
+              (480, "a loss is played", "OutPacketVideoNew lost\nCheckPkgRequestFail", RED),
+              (620, "6 s of silence", "CheckTimeOut Erase", DIM), (740, "Stop", "UdtRecvEndStatInfo … end\nrun stop...", DIM)]
+    for i, (x, name, lines, color) in enumerate(events):
+        svg.dot(x, y, color, 4.5)
+        svg.text(x, y - 14, name, color, 11, "middle")
+        down = y + (44 if i % 2 == 0 else 98)
+        svg.line(x, y + 6, x, down - 12, color, 1, "2 3")
+        for j, line in enumerate(lines.split("\n")):
+            svg.text(x - 20 if x < 700 else x - 60, down + 14 * j, line, color, 10.5, mono=True)
+    svg.rect(30, 212, 808, 26, TINT[GREEN], GREEN)
+    svg.text(44, 229, "level 4: events and anomalies, a handful a minute", GREEN, 11.5)
+    svg.rect(150, 248, 688, 26, TINT[DIM], DIM)
+    svg.text(164, 265, "level 5: every packet.  ReceiveNetData → Pkg is duplicated, recv_request_pkg, AdjustLimit → request → OutPacketNew",
+             DIM, 11)
+    return svg
+
+
+def draw_limits():
+    svg = Svg(860, 220, "Who checks what")
+    boxes = [(20, "network", DIM, "any bytes, from\nanybody"), (220, "owner", ORANGE, "who? authenticates\nhow long? checks lengths\nhow much? bounds accounts, rates"),
+             (480, "receiver", GREEN, "takes any head\nreads no bytes of the body\nbounds requests and target"),
+             (700, "decoder", BLUE, "checks payloads")]
+    widths = [130, 190, 150, 140]
+    for (x, name, color, text), width in zip(boxes, widths):
+        svg.box(x, 36, width, 50, name, color, 14)
+        for i, line in enumerate(text.split("\n")):
+            svg.text(x + 4, 108 + 16 * i, line, color, 11.5)
+    for (x, _, _, _), width, (to, _, _, _) in zip(boxes, widths, boxes[1:]):
+        svg.line(x + width + 4, 61, to - 4, 61, INK, 1.4, arrow=True)
+    svg.line(186, 20, 186, 176, RED, 1.6, "6 4")
+    svg.text(192, 30, "nothing to the left of this is trusted", RED, 11)
+    svg.text(20, 204, "Heads are values, not bytes: whatever the owner's parser leaves in a tagUdtPacketHeadInfo is tolerated.", DIM, 11.5)
+    return svg
+
+
 def draw_requests(lab):
     """One gap, as the receiver itself asks for it: nothing is ever answered."""
     example, call = lab.call({"seconds": 1, "users": [{"count": 1}]})
@@ -566,6 +609,8 @@ def main():
     images = {
         "threads": draw_threads(),
         "time": draw_time(),
+        "log": draw_log(),
+        "limits": draw_limits(),
         "requests": draw_requests(lab),
         "playout": draw_playout(),
         "pairing": draw_pairing(),
