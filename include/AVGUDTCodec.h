@@ -2,6 +2,7 @@
 #define AVGUDTCODEC_H
 
 /**
+ * @file
  * The decoded packet object that travels from the transport's codec through the receiver to the owner.
  *
  * The codec builds one object per datagram. It is shared by reference count (`AddRef`, `Release`), so the
@@ -20,7 +21,7 @@ struct tag_bi_buf
 
     tag_bi_buf() : ulen(0), pbuf(nullptr) {}
 };
-typedef tag_bi_buf bi_buf;
+typedef tag_bi_buf bi_buf; ///< by its usual name
 
 /** A reference-counted object that carries one more counted object of its user's choice. */
 struct tag_pt_obj : public tag_st_obj
@@ -31,7 +32,7 @@ struct tag_pt_obj : public tag_st_obj
 
     tag_pt_obj() : uCustomId(0), cCustomFlag(0) {}
 };
-typedef tag_pt_obj pt_obj;
+typedef tag_pt_obj pt_obj; ///< by its usual name
 
 /** The fields of the transport header and where body and extension lie. */
 class UDTCodecBaseEncode_V2 : public pt_obj

@@ -2,6 +2,7 @@
 #define IUDT_H
 
 /**
+ * @file
  * What an owner of the receiver sees: the records and enumerations that cross the interface, the interface
  * `IUDTRecv` that drives a receiver, and the callbacks `IUDTRecvEventCallBack` that the owner implements.
  *
@@ -130,7 +131,7 @@ struct tagUdtPacketHeadInfo
     {
     }
 };
-typedef tagUdtPacketHeadInfo UdtPacketHeadInfo;
+typedef tagUdtPacketHeadInfo UdtPacketHeadInfo; ///< by its usual name
 
 /**
  * One entry of a loss request. 24 bytes in host byte order; the bytes between the fields hold nothing and

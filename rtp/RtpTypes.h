@@ -1,3 +1,4 @@
+/// @file
 /// What crosses the border of the RTP side: datagrams in, media packets and feedback out, options, figures.
 ///
 /// Plain records only. Sequences named `dw...Seq` without `Rtp` are unwrapped to 32 bits; times in `Us` are

@@ -2,6 +2,7 @@
 #define AVGUDTRECV_H
 
 /**
+ * @file
  * The receiver: takes decoded media packets from network threads, files them per stream, finds losses and
  * asks for them again, and plays every stream out on an adaptive timeline per user.
  *
@@ -24,6 +25,7 @@
 
 #include <list>
 
+/** One receiver, for all users of a room. How it works: see the head of this file; what it offers: `IUDTRecv`. */
 class CAVGUdtRecv : public CAVGThreadModel, public IUDTRecv
 {
 public:

@@ -2,6 +2,7 @@
 #define AVGUDTRECVDATA_H
 
 /**
+ * @file
  * What the receiver remembers: constants, one record per packet, stream and user, and the ordered maps that
  * index them. Defaults stand in the constructors. All of it belongs to the worker thread except where a
  * comment says otherwise.
@@ -23,7 +24,7 @@
 
 /// A word that one thread writes and others read without a lock.
 typedef CXPShared<uint32> shared_uint32;
-typedef CXPShared<boolean> shared_boolean;
+typedef CXPShared<boolean> shared_boolean; ///< likewise, a flag
 
 // ---- Constants, ms unless said ---------------------------------------------------------------------------
 
