@@ -253,11 +253,11 @@ private:
         return pAt;
     }
 
-    // The end of the array is reached: slides the entries to its front if half of it is free there, else grows.
+    // The end of the array is reached: slides the entries to its front if a quarter of it is free there, else grows.
     void MakeRoom()
     {
         const size_t nEntries = size();
-        if (m_pBegin != m_pArray && m_pBegin - m_pArray >= (m_pLimit - m_pArray) / 2)
+        if (m_pBegin != m_pArray && m_pBegin - m_pArray >= (m_pLimit - m_pArray) / 4)
         {
             Move(m_pArray, m_pBegin, (ptrdiff_t)nEntries);
             m_pBegin = m_pArray;
