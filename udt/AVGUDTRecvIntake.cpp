@@ -153,6 +153,8 @@ void CAVGUdtRecv::TakeRawData()
 
 void CAVGUdtRecv::HandleRawData(std::list<tagDataPacket>& listRawData)
 {
+    if (listRawData.empty())
+        return;
     // Handling them takes no time worth telling: the clock is read once. Packets of a stream come in bunches: its
     // records are looked up once for a bunch, and nothing in here erases one.
     const uint32 dwNow = TickNow();

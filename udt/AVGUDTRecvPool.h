@@ -15,10 +15,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <list>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+/// Places of `tagRecvPoolInfo::aullLateness`.
+constexpr uint32 c_dwRecvPoolLateClasses = 24;
 
 /** What a pool has done since it was made. */
 struct tagRecvPoolInfo
@@ -29,15 +33,21 @@ struct tagRecvPoolInfo
     uint64 ullLateTurns;   ///< of those, begun more than `c_dwRecvPoolLateUs` after they were due
     uint64 ullLatenessSum; ///< us, of all turns; divided by `ullTurns` the mean
     uint32 dwLatenessMax;  ///< us, of the latest turn
+    uint64 aullLateness
+        [c_dwRecvPoolLateClasses]; ///< turns by lateness: [0] below 1 us, [n] below 2^n us, the last all else
 
     tagRecvPoolInfo()
-        : dwThreads(0), dwReceivers(0), ullTurns(0), ullLateTurns(0), ullLatenessSum(0), dwLatenessMax(0)
+        : dwThreads(0), dwReceivers(0), ullTurns(0), ullLateTurns(0), ullLatenessSum(0), dwLatenessMax(0),
+          aullLateness()
     {
     }
+
+    /// us that a share of the turns, in 1/10000, was not later than; rounded up to a power of two. 0 without turns.
+    uint32 LatenessOf(uint32 dwShare) const;
 };
 
 constexpr uint32 c_dwRecvPoolTurnUs = 10000; ///< between the turns of a receiver
-constexpr uint32 c_dwRecvPoolSlotUs = 2000;  ///< turns that are due within one slot are made at one waking
+constexpr uint32 c_dwRecvPoolSlotUs = 5000;  ///< turns that are due within one slot are made at one waking
 constexpr uint32 c_dwRecvPoolLateUs = 5000;  ///< a turn this much behind its time counts as late
 
 /** Threads that make the turns of owner-driven receivers; see the head of this file. */
@@ -80,21 +90,30 @@ private:
     {
         CAVGUdtRecv* pRecv;
         CClock::time_point tDue;
-        std::thread::id idStepper; // of the thread that makes a turn right now
-        bool bRemoved;             // leaves when that turn is over
     };
-    typedef std::list<tagMember> CMembers;
+    struct tagStepping // a member out at a thread
+    {
+        tagMember stMember;
+        std::thread::id idStepper;
+        bool bRemoved; // does not come back
+    };
+    typedef std::deque<tagMember> CWaiting;
+    typedef std::list<tagStepping> CStepping;
 
     void Work();
-    void Step(std::unique_lock<std::mutex>& lock);
-    CMembers::iterator Find(CMembers& lstMembers, const CAVGUdtRecv* pRecv);
+    CClock::time_point Step(std::unique_lock<std::mutex>& lock, tagStepping& stStepping,
+                            CClock::time_point tNow);
+    void Enqueue(const tagMember& stMember);
+    CWaiting::iterator FindWaiting(const CAVGUdtRecv* pRecv);
+    CStepping::iterator FindStepping(const CAVGUdtRecv* pRecv);
+    void CountTurn(uint32 dwLateUs);
     static CClock::time_point NextDue(CClock::time_point tDue, CClock::time_point tNow);
 
     std::mutex m_lock;                // guards all below
     std::condition_variable m_cvWork; // the first waiting member changed, or the end came
-    std::condition_variable m_cvDone; // a turn is over
-    CMembers m_lstWaiting;            // by tDue
-    CMembers m_lstStepping;           // out at a thread
+    std::condition_variable m_cvDone; // a member that was removed meanwhile has ended its turn
+    CWaiting m_deqWaiting;            // by tDue
+    CStepping m_lstStepping;          // one per thread; null receiver: that thread steps nobody
     bool m_bTimed;                    // some thread waits until the first member is due
     uint32 m_dwIdle;                  // threads that wait to be called
     bool m_bCalled;                   // one of them was called and is on its way

@@ -11,7 +11,9 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <memory>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -111,6 +113,10 @@ TEST(ThreadedPool, EveryReceiverIsSteppedByOneThreadAtATime)
     EXPECT_EQ(stInfo.dwReceivers, 40u);
     EXPECT_LE(stInfo.ullLateTurns, stInfo.ullTurns);
     EXPECT_LE(stInfo.dwLatenessMax, stInfo.ullLatenessSum);
+    EXPECT_EQ(std::accumulate(std::begin(stInfo.aullLateness), std::end(stInfo.aullLateness), (uint64)0),
+              stInfo.ullTurns);
+    EXPECT_GE(stInfo.LatenessOf(10000), stInfo.dwLatenessMax);
+    EXPECT_LE(stInfo.LatenessOf(5000), stInfo.LatenessOf(9900));
     for (const std::unique_ptr<tagPooled>& pPooled : vecPooled)
         EXPECT_TRUE(pool.Remove(&pPooled->recv));
     pool.GetInfo(stInfo);
@@ -193,6 +199,20 @@ TEST(ThreadedPool, RemoveFromTheReceiversOwnCallbackMakesThatTurnTheLast)
     pooled.Feed();
     std::this_thread::sleep_for(30ms);
     EXPECT_EQ(pooled.owner.m_nReleased, 1);
+}
+
+TEST(RecvPoolInfo, LatenessOfAShareIsThePowerOfTwoAboveIt)
+{
+    tagRecvPoolInfo stInfo;
+    EXPECT_EQ(stInfo.LatenessOf(9900), 0u);
+    stInfo.ullTurns = 100;
+    stInfo.aullLateness[0] = 50; // below 1 us
+    stInfo.aullLateness[7] = 49; // 64 to 127 us
+    stInfo.aullLateness[12] = 1; // 2048 to 4095 us
+    EXPECT_EQ(stInfo.LatenessOf(5000), 1u);
+    EXPECT_EQ(stInfo.LatenessOf(5001), 128u);
+    EXPECT_EQ(stInfo.LatenessOf(9900), 128u);
+    EXPECT_EQ(stInfo.LatenessOf(9901), 4096u);
 }
 
 TEST(ThreadedPool, RefusesNullTwiceAndStrangers)
