@@ -141,7 +141,7 @@ private:
     bool FollowAudLoss(tagUinDataBuf& stUinDataBuf);
     static void MarkAudLoss(tagUinTrack& stTrack, tagPktNode* pPre, tagPktNode* pCur);
     static void RecountAudSteps(tagUinDataBuf& stUinDataBuf);
-    static bool LearnAudStep(tagUinDataBuf& stUinDataBuf, const tagAudSteps& stSteps);
+    static void LearnAudStep(tagUinDataBuf& stUinDataBuf, const tagAudSteps& stSteps);
     uint32 CalcVidLostInfo(tagUinDataBuf& stUinDataBuf);
     uint32 WalkVidLoss(tagUinDataBuf& stUinDataBuf);
     bool IsVidFollowable(const tagUinDataBuf& stUinDataBuf) const;

@@ -68,13 +68,6 @@ bool IsPlainPair(const tagDataPacket& stPre, const tagDataPacket& stCur)
            (dwLost == 0 || (uint8)dwLost != 0 || FoundLossFree(stCur));
 }
 
-// A packet that was found loss-free although something is missing before it stays so when another one is put in before
-// it, and its step changes.
-bool IsHiddenGap(const tagDataPacket& stPre, const tagDataPacket& stCur)
-{
-    return FoundLossFree(stCur) && stCur.dwSenderSeq - stPre.dwSenderSeq != 1;
-}
-
 void SortLate(std::vector<tagPktNode*>& vecLate)
 {
     std::sort(vecLate.begin(), vecLate.end(),
@@ -238,8 +231,7 @@ void CAVGUdtRecv::WalkAudLoss(tagUinDataBuf& stUinDataBuf)
         bSteady &= IsPlainPair(pPre->Pkt(), pCur->Pkt());
         MarkAudLoss(stTrack, pPre, pCur);
     }
-    if (LearnAudStep(stUinDataBuf, stTrack.stSteps))
-        bSteady = false;
+    LearnAudStep(stUinDataBuf, stTrack.stSteps);
     if (bSteady)
         SettleLossWalk(stUinDataBuf);
 }
@@ -254,7 +246,10 @@ UDT_PER_PACKET bool CAVGUdtRecv::FollowAudLoss(tagUinDataBuf& stUinDataBuf)
     for (const tagPktNode* pLate : stTrack.vecLate)
     {
         if (pLate->pPrev == nullptr || !IsPlainPair(pLate->pPrev->Pkt(), pLate->Pkt()) ||
-            !IsPlainPair(pLate->Pkt(), pLate->pNext->Pkt()) || IsHiddenGap(pLate->Pkt(), pLate->pNext->Pkt()))
+            !IsPlainPair(pLate->Pkt(), pLate->pNext->Pkt()))
+            return false;
+        // Found loss-free although this one was missing before it: it stays so, and its step is another one now.
+        if (FoundLossFree(pLate->pNext->Pkt()))
             return false;
     }
     for (const tagPktNode* pNew = stTrack.pWalkedTo->pNext; pNew != nullptr; pNew = pNew->pNext)
@@ -263,13 +258,11 @@ UDT_PER_PACKET bool CAVGUdtRecv::FollowAudLoss(tagUinDataBuf& stUinDataBuf)
             return false;
     }
 
-    SortLate(stTrack.vecLate);
-    for (size_t i = 0; i < stTrack.vecLate.size(); ++i)
+    // In any order, and a packet between two late ones twice: it is judged by its neighbour, and the same each time.
+    for (tagPktNode* pLate : stTrack.vecLate)
     {
-        tagPktNode* const pLate = stTrack.vecLate[i];
         MarkAudLoss(stTrack, pLate->pPrev, pLate);
-        if (i + 1 == stTrack.vecLate.size() || stTrack.vecLate[i + 1] != pLate->pNext)
-            MarkAudLoss(stTrack, pLate, pLate->pNext);
+        MarkAudLoss(stTrack, pLate, pLate->pNext);
     }
     for (tagPktNode* pNew = stTrack.pWalkedTo->pNext; pNew != nullptr; pNew = pNew->pNext)
         MarkAudLoss(stTrack, pNew->pPrev, pNew);
@@ -279,8 +272,7 @@ UDT_PER_PACKET bool CAVGUdtRecv::FollowAudLoss(tagUinDataBuf& stUinDataBuf)
     {
         // By counts that may be too high, of packets that may have left.
         RecountAudSteps(stUinDataBuf);
-        if (LearnAudStep(stUinDataBuf, stTrack.stSteps))
-            stTrack.ForgetWalk();
+        LearnAudStep(stUinDataBuf, stTrack.stSteps);
     }
     return true;
 }
@@ -331,17 +323,17 @@ void CAVGUdtRecv::RecountAudSteps(tagUinDataBuf& stUinDataBuf)
     stUinDataBuf.stTrack.stSteps = stSteps;
 }
 
-// True: the buffer's steps agree on a new one.
-bool CAVGUdtRecv::LearnAudStep(tagUinDataBuf& stUinDataBuf, const tagAudSteps& stSteps)
+// Do the buffer's steps agree on a new one? It stands in the stream, not in the track, and so has the next turn walk
+// over everything with it.
+void CAVGUdtRecv::LearnAudStep(tagUinDataBuf& stUinDataBuf, const tagAudSteps& stSteps)
 {
     if (!IsNewStep(stSteps))
-        return false;
+        return;
     stUinDataBuf.dwTimeStampDelta = stSteps.dwCur;
     RECV_LOG(LOG_LEVEL_ERROR, "CalcAudLostInfo",
              "audio pkg timestamp delta: preSeq %d preTSDelta %d, curTSDelta %d BigCnt %d SmallCnt %d",
              stUinDataBuf.mapUdtPacket.Tail()->Pkt().dwSenderSeq, stSteps.dwLearned, stSteps.dwCur,
              stSteps.dwBigCnt, stSteps.dwSmallCnt);
-    return true;
 }
 
 // ---- Video -------------------------------------------------------------------------------------------------

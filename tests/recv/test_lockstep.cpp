@@ -16,6 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdlib>
 
@@ -199,6 +200,111 @@ TEST(Lockstep, ACombOfMoreGapsThanTheFlowCountKeepsEndsAlike)
         stSetup.nLogLevel = LOG_LEVEL_SDK_INTERFACE;
         std::string strWhat;
         EXPECT_EQ(c_nNoDifference, Replay(stSetup, vecCalls, strWhat)) << strWhat;
+    }
+}
+
+// ---- Small worlds ----------------------------------------------------------------------------------------------
+// A dozen packets of one stream that nobody plays, some of them late, a turn behind every one or two. Every way in
+// which a late packet can fall among few others comes up in thousands of them.
+
+tagTwinCall CallOf(emTwinCall eCall, int64 llValue = 0)
+{
+    tagTwinCall stCall;
+    stCall.eCall = eCall;
+    stCall.llValue = llValue;
+    return stCall;
+}
+
+std::vector<tagRigPacket> SmallAudio(CLockstepChance& chance)
+{
+    std::vector<tagRigPacket> vecPackets;
+    uint32 dwSeq = (uint32)chance.Of({1000, 1000, 0xFFFFFFF0});
+    uint32 dwMs = 5000;
+    const uint32 dwUsual = (uint32)chance.Of({20, 20, 60});
+    for (uint32 i = 0; i < 12; ++i)
+    {
+        vecPackets.push_back(AudioPacket(7, dwSeq).At(dwMs));
+        dwSeq += (uint32)chance.Of({1, 1, 1, 1, 1, 2, 3, 256, 257, 512, 513});
+        dwMs += chance.OneIn(2) ? dwUsual : (uint32)chance.Of({20, 60, 60, 60, 90, 0, 1, 40});
+    }
+    return vecPackets;
+}
+
+std::vector<tagRigPacket> SmallVideo(CLockstepChance& chance)
+{
+    std::vector<tagRigPacket> vecPackets;
+    uint32 dwSeq = (uint32)chance.Of({1000, 1000, 0xFFFFFFF0});
+    uint8 cGopIdx = 0;
+    uint8 cFrmIdx = 0;
+    while (vecPackets.size() < 18)
+    {
+        const uint8 cFrmType = (uint8)(chance.OneIn(3) ? def_FrameType_I : def_FrameType_P);
+        if (cFrmType == def_FrameType_I && !chance.OneIn(4))
+            ++cGopIdx;
+        const uint8 cPkgNum = (uint8)chance.Between(1, 7);
+        for (uint8 cPkgIdx = 0; cPkgIdx < cPkgNum; ++cPkgIdx)
+        {
+            vecPackets.push_back(VideoPacket(7, dwSeq, 5000 + cFrmIdx * 40u, cFrmType, cGopIdx, cFrmIdx,
+                                             cPkgIdx, chance.OneIn(60) ? 0 : cPkgNum));
+            dwSeq += chance.OneIn(40) ? (uint32)chance.Of({2, 5, 102, 256, 300}) : 1;
+        }
+        ++cFrmIdx;
+    }
+    return vecPackets;
+}
+
+std::vector<tagTwinCall> SmallWorld(CLockstepChance& chance)
+{
+    std::vector<tagTwinCall> vecCalls = {CallOf(CALL_START), CallOf(CALL_ROOM, 1)};
+    tagTwinCall stParams = CallOf(CALL_PARAMS);
+    stParams.params.wPushGopNum = (uint16)chance.Below(3);
+    vecCalls.push_back(stParams);
+
+    // Each packet comes in its turn, or some places later, or never.
+    std::vector<tagRigPacket> vecPackets = chance.OneIn(2) ? SmallAudio(chance) : SmallVideo(chance);
+    std::vector<std::pair<uint32, size_t>> vecOrder;
+    for (size_t i = 0; i < vecPackets.size(); ++i)
+    {
+        if (chance.OneIn(12))
+            continue;
+        vecOrder.emplace_back((uint32)i * 2 + (chance.OneIn(3) ? chance.Below(24) : 0), i);
+    }
+    std::sort(vecOrder.begin(), vecOrder.end());
+    uint32 dwDown = 2;
+    for (const std::pair<uint32, size_t>& stPlace : vecOrder)
+    {
+        tagTwinCall stFeed = CallOf(CALL_FEED);
+        stFeed.stPacket = vecPackets[stPlace.second].Down(dwDown++);
+        vecCalls.push_back(stFeed);
+        for (uint32 dwTurns = (uint32)chance.Of({0, 1, 1, 1, 2, 3}); dwTurns != 0; --dwTurns)
+        {
+            vecCalls.push_back(CallOf(CALL_CLOCK, 10));
+            vecCalls.push_back(CallOf(CALL_TURN));
+        }
+    }
+    for (int nTurns = 0; nTurns < 3; ++nTurns)
+        vecCalls.push_back(CallOf(CALL_TURN));
+    return vecCalls;
+}
+
+TEST(Lockstep, AFewPacketsInEveryOrderEndAlike)
+{
+    std::random_device device;
+    const uint64 ullSeed = FromEnv("UDT_LOCKSTEP_SEED", (uint64)device() << 32 | device());
+    const uint64 ullWorlds = FromEnv("UDT_LOCKSTEP_WORLDS", 3000);
+    printf("seed %" PRIu64 ", %" PRIu64 " small worlds (UDT_LOCKSTEP_SEED, UDT_LOCKSTEP_WORLDS)\n",
+           (uint64_t)ullSeed, (uint64_t)ullWorlds);
+    CLockstepChance chance(ullSeed);
+    for (uint64 ullWorld = 0; ullWorld < ullWorlds; ++ullWorld)
+    {
+        const std::vector<tagTwinCall> vecCalls = SmallWorld(chance);
+        std::string strWhat;
+        if (Replay(tagTwinSetup(), vecCalls, strWhat) == c_nNoDifference)
+            continue;
+        const std::vector<tagTwinCall> vecFew = Shrink(tagTwinSetup(), vecCalls, 10);
+        Replay(tagTwinSetup(), vecFew, strWhat);
+        FAIL() << "world " << ullWorld << " of seed " << ullSeed << ": " << strWhat << "\n"
+               << FewCalls(vecFew);
     }
 }
 
