@@ -1,4 +1,4 @@
-// Sends two seconds of sound and picture to nack_receiver, loses every 11th packet on purpose, and answers what is asked
+// Sends three seconds of sound and picture to nack_receiver, loses every 11th packet on purpose, and answers what is asked
 // for from a history.
 //
 // usage: nack_sender PORT          (on 127.0.0.1)
@@ -17,9 +17,10 @@
 
 namespace
 {
-constexpr uint32 c_dwSendMs = 2000;   // media
-constexpr uint32 c_dwVideoFrom = 600; // the camera is switched on a little later than the microphone
-constexpr uint32 c_dwLoseFrom = 800;
+constexpr uint32 c_dwSendMs = 3000;    // media
+constexpr uint32 c_dwAheadMs = 1000;   // of it leave at once, as from a server that has kept them
+constexpr uint32 c_dwVideoFrom = 1600; // the camera is switched on a little later than the microphone
+constexpr uint32 c_dwLoseFrom = 1700;
 constexpr uint32 c_dwLoseEvery = 11;
 constexpr uint32 c_dwLingerMs = 10000; // answers requests until the receiver says bye, or for this long
 
@@ -129,7 +130,7 @@ int main(int argc, char** argv)
     bool bGoOn = true;
     while (bGoOn && xp_gettickcount() - ullStart < c_dwSendMs + c_dwLingerMs)
     {
-        const uint32 dwNow = (uint32)(xp_gettickcount() - ullStart);
+        const uint32 dwNow = (uint32)(xp_gettickcount() - ullStart) + c_dwAheadMs;
         UdtPacketHeadInfo stHead;
         for (; dwAudio * 20 < c_dwSendMs && dwAudio * 20 <= dwNow; ++dwAudio)
         {

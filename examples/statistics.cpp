@@ -13,7 +13,8 @@
 namespace
 {
 constexpr uint64 c_ullSender = 4711;
-constexpr uint32 c_dwPackets = 100;
+constexpr uint32 c_dwPackets = 140;
+constexpr uint32 c_dwAheadMs = 1000; // of sound come at once, as from a server that has kept them
 
 struct CPacket : UDTCodecBaseDecode_V2
 {
@@ -109,7 +110,7 @@ int main()
     std::vector<bool> vecAnswered(c_dwPackets);
     while (owner.m_dwPlayed < c_dwPackets && xp_gettickcount() - ullStart < 15000)
     {
-        if (dwSeq < c_dwPackets && xp_gettickcount() - ullStart >= 20ull * dwSeq)
+        if (dwSeq < c_dwPackets && xp_gettickcount() - ullStart + c_dwAheadMs >= 20ull * dwSeq)
         {
             if (dwSeq % 15 == 14)
                 ++dwDown; // lost
