@@ -26,6 +26,7 @@ struct tagReplayArgs
 {
     tagReplayOptions st;
     std::string strJson;
+    std::string strStats;
     std::string strMode = "default";
     std::vector<std::string> vecMaps;
 };
@@ -39,6 +40,7 @@ void AddReplay(CLI::App& app, tagReplayArgs& args)
         ->type_name("CAPTURE");
     p->add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
         ->type_name("FILE");
+    p->add_option("--stats", args.strStats, c_pszStatsHelp)->type_name("FILE");
     p->add_option("--out", args.st.strOut, "write what was played, when it was played, as pcap")
         ->type_name("FILE");
     p->add_option("--mode", args.strMode, "the receiver's mode: default or low-latency")
@@ -89,7 +91,7 @@ int Replay(tagReplayArgs& args)
         if (!ParseRtpMap(strMap, args.st.mapFormats, strError))
             return Complain(fmt::format("--map {}: {}", strMap, strError));
     for (const std::string& strCapture : args.st.vecCaptures)
-        for (const std::string& strFile : {args.st.strOut, args.strJson})
+        for (const std::string& strFile : {args.st.strOut, args.strJson, args.strStats})
             if (SameFile(strCapture, strFile))
                 return Complain(fmt::format("{}: is a capture to be read, it is not overwritten", strFile));
     args.st.bLowLatency = args.strMode == "low-latency";
@@ -114,6 +116,9 @@ int Replay(tagReplayArgs& args)
         Complain(strError);
         nExit = std::max(nExit, c_nExitBad);
     }
+    if (stResult.bPlayed && !args.strStats.empty() &&
+        !WriteText(args.strStats, StatsText(args.strStats, stResult.stStats), strError))
+        nExit = std::max(nExit, Complain(strError));
     if (stResult.ullBroken)
         fmt::print(stderr, "udtlab: {} checks of the receiver's behaviour were broken; the first: {}\n",
                    stResult.ullBroken, stResult.vecViolations.front());

@@ -29,6 +29,14 @@ bool WriteText(const std::string& strPath, const std::string& strText, std::stri
     return bOk;
 }
 
+std::string StatsText(const std::string& strPath, const tagUdtStats& stStats)
+{
+    const size_t nDot = strPath.rfind('.');
+    const std::string strKind = nDot == std::string::npos ? "" : strPath.substr(nDot);
+    return strKind == ".prom" || strKind == ".om" ? UdtStatsOpenMetrics(stStats)
+                                                  : UdtStatsJson(stStats) + "\n";
+}
+
 std::string FolderOf(const std::string& strPath)
 {
     const size_t nSlash = strPath.rfind('/');

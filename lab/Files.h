@@ -2,6 +2,8 @@
 #ifndef LAB_FILES_H
 #define LAB_FILES_H
 
+#include "UdtStats.h"
+
 #include <string>
 
 namespace lab
@@ -14,6 +16,11 @@ int Complain(const std::string& strLine);
 
 // "-" is stdout. False with a one-line reason that names the file.
 bool WriteText(const std::string& strPath, const std::string& strText, std::string& strError);
+
+// Statistics as the name of their file asks for: OpenMetrics text for .prom and .om, else JSON.
+std::string StatsText(const std::string& strPath, const tagUdtStats& stStats);
+constexpr const char* c_pszStatsHelp =
+    "write the receiver's statistics: OpenMetrics text for a FILE that ends in .prom or .om, else JSON";
 
 // The folder of a path, without the last slash; empty where there is none.
 std::string FolderOf(const std::string& strPath);

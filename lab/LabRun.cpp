@@ -17,8 +17,11 @@ CLabRun::CLabRun(const tagRunOptions& stOptions, IRunObserver& observer)
               if ((int)eLevel <= nLevel)
                   m_observer.OnLogLine(eLevel, pszFunc, pszText, MsSinceStart((uint32)m_clock.Tick()));
           }),
-      m_pRecv(std::make_unique<CAVGUdtRecv>(static_cast<IUDTRecvEventCallBack*>(this)))
+      m_collector(static_cast<IUDTRecvEventCallBack*>(this)),
+      m_pRecv(std::make_unique<CAVGUdtRecv>(&m_collector))
 {
+    m_collector.SetForgetAfter(0); // a run ends
+    m_collector.Attach(m_pRecv.get());
     m_checks.SetStartTick((uint32)m_ullStartTick);
     if (stOptions.bLowLatency)
     {
@@ -51,8 +54,8 @@ void CLabRun::Feed(CMediaPacket* pPacket, int64 llTimeUs)
     CScopePtr<UDTCodecBaseDecode_V2> pHeld(pPacket);
     m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
     m_checks.Fed(*pPacket, (uint32)m_clock.Tick());
-    m_pRecv->UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
-                               pPacket->m_cSubType, pPacket);
+    m_collector.UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
+                                  pPacket->m_cSubType, pPacket);
 }
 
 void CLabRun::Turn(int64 llTimeUs)
@@ -67,10 +70,30 @@ void CLabRun::Stop()
 {
     if (!m_pRecv)
         return;
+    m_collector.Snapshot(m_stLastStats);
     m_checks.StopBegins();
     m_pRecv->Stop();
+    m_collector.Attach(nullptr);
     m_pRecv.reset();
     m_checks.Finish();
+}
+
+void CLabRun::Snapshot(tagUdtStats& stStats)
+{
+    if (m_pRecv)
+        m_collector.Snapshot(stStats);
+    else
+        stStats = m_stLastStats;
+}
+
+void CLabRun::PollDownlink()
+{
+    uint32 dwExpect = 0;
+    uint32 dwReal = 0;
+    uint32 dwBytes = 0;
+    uint32 dwIFrmLostInfo = 0;
+    m_pRecv->GetDownPacketRecvInfo(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
+    m_collector.DownlinkPolled(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
 }
 
 uint32 CLabRun::LiveStreams()

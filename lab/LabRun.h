@@ -7,6 +7,7 @@
 #include "MediaPacket.h"
 #include "PlayoutChecks.h"
 #include "RunChecks.h"
+#include "UdtStatsCollector.h"
 #include "VirtualClock.h"
 
 #include <functional>
@@ -69,6 +70,10 @@ public:
     CRunChecks& Checks() { return m_checks; }
     CPlayoutChecks& Playout() { return m_playout; }
     CAVGUdtRecv& Receiver() { return *m_pRecv; }
+    // What was counted between receiver and owner; after Stop as it stood just before.
+    void Snapshot(tagUdtStats& stStats);
+    // The owner polled the downlink loss.
+    void PollDownlink();
     // After Stop: the receiver's own report, line by line.
     const std::vector<std::string>& EndReport() const { return m_vecEndReport; }
 
@@ -88,7 +93,9 @@ private:
     std::vector<std::string> m_vecEndReport;
     CVirtualClock m_clock;
     CLogTap m_tap;
+    CUdtStatsCollector m_collector;
     std::unique_ptr<CAVGUdtRecv> m_pRecv;
+    tagUdtStats m_stLastStats; // taken when the receiver went
 };
 
 } // namespace lab

@@ -68,9 +68,6 @@ public:
             stStream.st.dwFirstArrivalMs = (uint32)(llTimeUs / 1000);
             m_mapKeys[{packet.u64Uin, packet.m_cSubType}] = packet.m_uStream;
         }
-        if (!stStream.asked.Empty() && stStream.asked.Contains(packet.dwSenderSeq) &&
-            stStream.came.Insert(packet.dwSenderSeq) != CSeqWindow::ESeen::Again)
-            stStream.st.ullAskedCame++;
     }
 
     int OnReleased(CMediaPacket& packet, uint32 dwTick) override
@@ -113,10 +110,8 @@ public:
             if (it == m_mapKeys.end())
                 continue;
             tagStream& stStream = Stream(it->second);
-            stStream.st.ullAsked++;
             if (stStream.asked.Insert(pReply[i].dwUserSeq) == CSeqWindow::ESeen::Again)
                 continue;
-            stStream.st.ullAskedPackets++;
             stStream.askedFirst.Put(pReply[i].dwUserSeq, m_pRun->MsSinceStart(dwTick));
             NoteBoth(stStream, pReply[i].dwUserSeq);
         }
@@ -142,7 +137,6 @@ private:
     {
         tagStreamResult st;
         CSeqWindow asked;
-        CSeqWindow came;
         CSeqWindow nacked;
         CFirstAsked askedFirst;
         CFirstAsked nackedFirst;
@@ -240,6 +234,14 @@ void GatherStreams(CRtpIntake& intake, CLabRun& run, CReplayCounts& counts, tagR
         tagStreamResult st = counts.Result(i);
         st.stInfo = intake.Stream(i);
         st.stPackets = run.Checks().Account(i);
+        for (tagUdtStreamStats& stStats : stResult.stStats.vecStreams)
+        {
+            if (!st.bFed || stStats.llAccount != st.stInfo.llAccount ||
+                stStats.dwSubType != st.stInfo.cSubType)
+                continue;
+            stStats.strUser = UserName(st.stInfo);
+            st.stStats = stStats;
+        }
         stResult.vecStreams.push_back(st);
         if (!st.bFed)
             continue;
@@ -365,6 +367,7 @@ tagReplayResult RunReplay(const tagReplayOptions& stOptions)
         stResult.ullStartUs = source.StartUs();
         stResult.dwDurationMs = (uint32)(source.LastUs() / 1000);
         stResult.ullPullBacks = run.Checks().PullBacks();
+        run.Snapshot(stResult.stStats);
         GatherStreams(intake, run, counts, stResult);
         stResult.vecEndReport = run.EndReport();
         stResult.ullBroken = run.Checks().Broken();

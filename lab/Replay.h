@@ -6,6 +6,7 @@
 #include "Histogram.h"
 #include "RtpTypes.h"
 #include "RunChecks.h"
+#include "UdtStats.h"
 
 #include <functional>
 #include <map>
@@ -40,9 +41,7 @@ struct tagStreamResult
     uint32 dwFirstArrivalMs = 0; // run time
     uint32 dwFirstOutMs = 0;
     uint32 dwLastOutMs = 0;
-    uint64 ullAsked = 0;         // sequences in the receiver's loss requests, repeats included
-    uint64 ullAskedPackets = 0;  // distinct sequences of these
-    uint64 ullAskedCame = 0;     // of these, packets that came after they were asked for
+    tagUdtStreamStats stStats;   // what was counted at the receiver; nothing for a stream that was not fed
     uint64 ullNackedPackets = 0; // distinct sequences that the capture's own receiver asked for (RTCP NACK)
     uint64 ullAskedByBoth = 0;   // asked for by it and by ours
     int64 llLeadSumMs = 0;       // over these: its first request less our first; positive: ours was earlier
@@ -79,6 +78,7 @@ struct tagReplayResult
     std::string strInputError;               // one line; what came before it was played
     std::string strOutputError;              // one line
     std::vector<std::string> vecEndReport;   // the receiver's own, line by line
+    tagUdtStats stStats;                     // what was counted at the receiver, all of it
     uint64 ullBroken = 0;                    // broken checks
     std::vector<std::string> vecViolations;
 

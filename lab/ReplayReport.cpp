@@ -149,12 +149,14 @@ void UserTable(std::string& str, const tagReplayResult& stResult, const tagPaint
     }
 }
 
+uint64 Asked(const tagStreamResult& st) { return st.stStats.packetsRequestedUnique.value_or(0); }
+
 // What our receiver asked for, what the capture answers, and what the receiver of that time asked for.
 void RequestTable(std::string& str, const tagReplayResult& stResult, const tagPaint& paint)
 {
     bool bAny = false;
     for (const tagStreamResult& st : stResult.vecStreams)
-        bAny = bAny || st.ullAskedPackets != 0 || st.ullNackedPackets != 0;
+        bAny = bAny || Asked(st) != 0 || st.ullNackedPackets != 0;
     if (!bAny)
         return;
     str += "\n";
@@ -164,15 +166,16 @@ void RequestTable(std::string& str, const tagReplayResult& stResult, const tagPa
     for (size_t i = 0; i < stResult.vecStreams.size(); i++)
     {
         const tagStreamResult& st = stResult.vecStreams[i];
-        if (st.ullAskedPackets == 0 && st.ullNackedPackets == 0)
+        if (Asked(st) == 0 && st.ullNackedPackets == 0)
             continue;
         const std::string strLead =
             st.ullAskedByBoth ? fmt::format("{:+.0f} ms", (double)st.llLeadSumMs / (double)st.ullAskedByBoth)
                               : "-";
-        str += fmt::format("{:>3}  {:<{}}  {:<5}  {:>8}  {:>8}  {:>5}  {:>7}  {:>5}  {:>12}\n", i,
-                           Printable(StreamUser(st.stInfo), c_nNameWidth), c_nNameWidth,
-                           KindName(st.stInfo.stFormat.eKind), st.ullAskedPackets, st.ullAsked,
-                           st.ullAskedCame, st.ullNackedPackets, st.ullAskedByBoth, strLead);
+        str += fmt::format(
+            "{:>3}  {:<{}}  {:<5}  {:>8}  {:>8}  {:>5}  {:>7}  {:>5}  {:>12}\n", i,
+            Printable(StreamUser(st.stInfo), c_nNameWidth), c_nNameWidth, KindName(st.stInfo.stFormat.eKind),
+            Asked(st), st.stStats.packetsRequested.value_or(0),
+            st.stStats.requestedPacketsReceived.value_or(0), st.ullNackedPackets, st.ullAskedByBoth, strLead);
     }
 }
 
@@ -293,9 +296,9 @@ nlohmann::ordered_json StreamJson(size_t n, const tagStreamResult& st)
     p["last_output_ms"] = st.bPlayed ? nlohmann::ordered_json(st.dwLastOutMs) : nlohmann::ordered_json();
     p["delay_ms"] = DelayJson(st.delay);
     auto& r = j["requests"];
-    r["sequences"] = st.ullAsked;
-    r["packets"] = st.ullAskedPackets;
-    r["came"] = st.ullAskedCame;
+    r["sequences"] = st.stStats.packetsRequested.value_or(0);
+    r["packets"] = Asked(st);
+    r["came"] = st.stStats.requestedPacketsReceived.value_or(0);
     r["capture_packets"] = st.ullNackedPackets;
     r["both"] = st.ullAskedByBoth;
     r["mean_lead_ms"] =
@@ -404,6 +407,7 @@ nlohmann::ordered_json ReplayJson(const tagReplayResult& stResult)
         j["users"].push_back(u);
     }
     j["pull_backs"] = stResult.ullPullBacks;
+    j["stats"] = nlohmann::ordered_json::parse(UdtStatsJson(stResult.stStats, -1));
     if (stResult.stOptions.bEndReport)
         j["end_report"] = stResult.vecEndReport;
     j["checks"] = {

@@ -209,8 +209,7 @@ void CSimCall::OnTimer(CLabRun& run, emTimer eTimer, int64 llNowUs)
     }
     case TIMER_POLL:
     {
-        uint32 dwExpect = 0, dwReal = 0, dwBytes = 0, dwIFrm = 0;
-        run.Receiver().GetDownPacketRecvInfo(dwExpect, dwReal, dwBytes, dwIFrm);
+        run.PollDownlink();
         m_aTimers[TIMER_POLL] += st.llPollEveryUs;
         if (m_stHooks.fnProgress)
             m_stHooks.fnProgress((double)llNowUs / (double)m_stScenario.llDurationUs);

@@ -109,6 +109,7 @@ struct CSimCommand::tagArgs
     std::string strRtt;
     std::vector<std::string> vecSet;
     std::string strJson;
+    std::string strStats;
     int nLogLevel = 0;
     bool bSpeed = false;
     bool bStreams = false;
@@ -139,6 +140,7 @@ CSimCommand::CSimCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs>())
     sub.add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
         ->type_name("FILE");
     sub.add_flag("--streams", args.bStreams, "the tables per stream also for a large room");
+    sub.add_option("--stats", args.strStats, c_pszStatsHelp)->type_name("FILE");
     sub.add_flag("--end-report", args.bEndReport, "end with the receiver's own end report");
     sub.add_flag("--speed", args.bSpeed,
                  "put speed and memory into the JSON too; they differ from run to run");
@@ -298,6 +300,9 @@ int CSimCommand::Run()
             nExit = std::max(nExit, c_nExitBad);
         }
     }
+    if (!args.strStats.empty() &&
+        !WriteText(args.strStats, StatsText(args.strStats, stResult.stStats), strError))
+        nExit = std::max(nExit, Complain(strError));
     fmt::print(stderr, "{}\n", SimSpeedLine(stResult));
     if (stResult.ullBroken)
         fmt::print(stderr, "udtlab: {} checks of the receiver's behaviour were broken; the first: {}\n",

@@ -348,6 +348,7 @@ Json SimJson(const tagSimResult& stResult)
                                       {"outage", stTraffic.aDrops[i][SIM_DROP_OUTAGE]},
                                       {"queue", stTraffic.aDrops[i][SIM_DROP_QUEUE]}};
     j["pull_backs"] = stResult.ullPullBacks;
+    j["stats"] = Json::parse(UdtStatsJson(stResult.stStats, -1));
     j["checks"] = {
         {"ok", stResult.ullBroken == 0}, {"broken", stResult.ullBroken}, {"lines", stResult.vecViolations}};
     return j;

@@ -30,6 +30,11 @@ tagSimResult RunSimulation(const tagScenario& stScenario, const tagSimHooks& stH
 
         call.Gather(stResult);
         stResult.vecEndReport = run.EndReport();
+        run.Snapshot(stResult.stStats);
+        for (tagUdtStreamStats& st : stResult.stStats.vecStreams)
+            for (const tagSimUserResult& stUser : stResult.vecUsers)
+                if (stUser.llAccount == st.llAccount)
+                    st.strUser = stUser.strName;
         stResult.ullBroken = run.Checks().Broken();
         stResult.vecViolations = run.Checks().Violations();
     }

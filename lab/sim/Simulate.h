@@ -7,6 +7,7 @@
 #include "RunChecks.h"
 #include "SimScenario.h"
 #include "SimStream.h"
+#include "UdtStats.h"
 
 #include <functional>
 #include <string>
@@ -71,6 +72,7 @@ struct tagSimResult
     uint64 ullImmediateRequests = 0;
     uint32 dwRunMs = 0;                    // virtual, to the last turn
     std::vector<std::string> vecEndReport; // the receiver's own, line by line
+    tagUdtStats stStats;                   // what was counted at the receiver
     uint64 ullBroken = 0;
     std::vector<std::string> vecViolations;
 
