@@ -355,7 +355,7 @@ TEST(Replay, EveryJsonNameIsInTheManual)
         {
             if (j.is_object())
                 setNames.insert(item.key());
-            if (item.value().is_structured())
+            if (item.value().is_structured() && item.key() != "stats") // has a page of its own
                 vecTodo.push_back(item.value());
         }
     }
@@ -388,10 +388,12 @@ TEST(Replay, OurLossRequestsStandBesideThoseInTheCapture)
     for (const auto& stStream : {st.vecStreams[0], st.vecStreams[1]})
     {
         EXPECT_GT(stStream.ullAskedByBoth, 0u);
-        EXPECT_LE(stStream.ullAskedByBoth, stStream.ullAskedPackets);
+        EXPECT_LE(stStream.ullAskedByBoth, stStream.stStats.packetsRequestedUnique.value_or(0));
         EXPECT_LE(stStream.ullAskedByBoth, stStream.ullNackedPackets);
-        EXPECT_LE(stStream.ullAskedCame, stStream.ullAskedPackets);
-        EXPECT_GE(stStream.ullAsked, stStream.ullAskedPackets);
+        EXPECT_LE(stStream.stStats.requestedPacketsReceived.value_or(0),
+                  stStream.stStats.packetsRequestedUnique.value_or(0));
+        EXPECT_GE(stStream.stStats.packetsRequested.value_or(0),
+                  stStream.stStats.packetsRequestedUnique.value_or(0));
         // Both saw the same losses at the same time: half a second apart would be another clock.
         EXPECT_LT(std::abs(stStream.llLeadSumMs), 500 * (int64)stStream.ullAskedByBoth);
     }
@@ -404,8 +406,8 @@ TEST(Replay, ACaptureWithoutFeedbackHasNothingToCompareWith)
     call.Packets(55, 200);
     const tagReplayResult st = call.Play();
     ASSERT_EQ(st.vecStreams.size(), 1u);
-    EXPECT_EQ(st.vecStreams[0].ullAskedPackets, 5u);
-    EXPECT_EQ(st.vecStreams[0].ullAskedCame, 0u);
+    EXPECT_EQ(st.vecStreams[0].stStats.packetsRequestedUnique.value_or(0), 5u);
+    EXPECT_EQ(st.vecStreams[0].stStats.requestedPacketsReceived.value_or(0), 0u);
     EXPECT_EQ(st.vecStreams[0].ullNackedPackets, 0u);
     EXPECT_EQ(st.vecStreams[0].ullAskedByBoth, 0u);
 }
