@@ -28,6 +28,7 @@
 #include <string>
 #include <vector>
 
+/** Facts of one stream, by their printed names. */
 struct tagUdtStreamStats
 {
     uint64 llAccount = 0; ///< user account
@@ -136,6 +137,7 @@ struct tagUdtStreamStats
     std::optional<double> playoutClock;  ///< media time, seconds; absent until started. [user] dwTimelineOut
 };
 
+/** Facts of the receiver as a whole, by their printed names. */
 struct tagUdtReceiverStats
 {
     std::optional<uint64> streams; ///< live streams. GetRecvInfo dwChnNum
@@ -151,21 +153,22 @@ struct tagUdtReceiverStats
     std::optional<double> downlinkLossRatio;
     std::optional<double> downlinkLossRatioMin; ///< of all lossy intervals. GetRecvInfo dwMinLossRate
     std::optional<double> downlinkLossRatioMax; ///< of all lossy intervals. GetRecvInfo dwMaxLossRate
-    /// Sums over the polls that the owner handed in. GetDownPacketRecvInfo dwExpectRecv, dwRealRecv, dwBytesRecv
+    /// Packets that the downlink sequence spans, summed over the polls that the owner handed in.
+    /// GetDownPacketRecvInfo dwExpectRecv
     std::optional<uint64> downlinkPacketsExpected;
-    std::optional<uint64> downlinkPacketsReceived;
-    std::optional<uint64> downlinkBytesReceived;
-    /// First I frame of the stream that released one last: time from its stream's first packet, seconds (16 bits of
-    /// ms), FEC packets, packets lost. GetDownPacketRecvInfo dwIFrmLostInfo, absent while 0
+    std::optional<uint64> downlinkPacketsReceived; ///< packets that came, likewise. dwRealRecv
+    std::optional<uint64> downlinkBytesReceived;   ///< their lengths, likewise. dwBytesRecv
+    /// From a stream's first packet to the release of its first I frame, of the stream that released one last,
+    /// seconds (16 bits of ms); absent while there is none. GetDownPacketRecvInfo dwIFrmLostInfo
     std::optional<double> firstKeyFrameReleaseTime;
-    std::optional<uint64> firstKeyFrameFecPackets;
-    std::optional<uint64> firstKeyFramePacketsLost;
-    /// The last stream-loss calculation: share lost, 0 to 1, packets expected and received, packets per loss event.
-    /// Absent while nothing was expected; the first also when more came than was expected, the last without losses.
-    /// UDTCalcRecvLoss dwLoss100, dwTotalNum, dwRealNum, dwAvgLossMode
+    std::optional<uint64> firstKeyFrameFecPackets;  ///< FEC packets of that I frame. dwIFrmLostInfo
+    std::optional<uint64> firstKeyFramePacketsLost; ///< packets missing of that I frame. dwIFrmLostInfo
+    /// Share of packets missing in the last stream-loss calculation, 0 to 1; absent while nothing was expected, and
+    /// when more came than was expected. UDTCalcRecvLoss dwLoss100
     std::optional<double> streamLossRatio;
-    std::optional<uint64> streamPacketsExpected;
-    std::optional<uint64> streamPacketsReceived;
+    std::optional<uint64> streamPacketsExpected; ///< packets expected in it. UDTCalcRecvLoss dwTotalNum
+    std::optional<uint64> streamPacketsReceived; ///< packets received in it. UDTCalcRecvLoss dwRealNum
+    /// Packets missing per loss event in it; absent without losses. UDTCalcRecvLoss dwAvgLossMode
     std::optional<double> streamLossBurst;
 };
 
@@ -175,7 +178,7 @@ struct tagUdtStats
     uint64 ullTick = 0; ///< when, ms of the tick clock
     std::optional<double>
         timestamp; ///< when, ms since 1970; absent until the collector knows what tick that is
-    tagUdtReceiverStats stReceiver;
+    tagUdtReceiverStats stReceiver;            ///< of the receiver as a whole
     std::vector<tagUdtStreamStats> vecStreams; ///< ordered by account, then sub-type
 };
 
@@ -207,7 +210,7 @@ struct tagUdtStatsField
     const char* pszMetric; ///< the OpenMetrics family; a counter's samples end in _total
     const char* pszType;   ///< "counter" or "gauge"
     const char* pszUnit;   ///< of the OpenMetrics samples: "seconds", "bytes", "ratio", or "" for a count
-    const char* pszHelp;
+    const char* pszHelp;   ///< one sentence
 };
 std::vector<tagUdtStatsField> UdtStreamStatsFields();
 std::vector<tagUdtStatsField> UdtReceiverStatsFields();

@@ -37,6 +37,7 @@ struct tagUdtArrival
     std::optional<bool> bRetransmitted;   ///< it is (true) or is not (false) sent again on a request
 };
 
+/** Counts what passes between one receiver and its owner; the head of this file shows where it stands. */
 class CUdtStatsCollector : public IUDTRecvEventCallBack
 {
 public:
