@@ -1,4 +1,4 @@
-/**
+/** @file
  * The statistics of one receiver as a record, as JSON and as OpenMetrics text.
  *
  * A field is named as it is printed, so one search finds it everywhere. A name of the W3C's webrtc-stats
@@ -192,15 +192,19 @@ const char* UdtStatsKind(uint32 dwSubType);
 const char* UdtStatsMedia(uint32 dwSubType);
 
 /**
- * JSON of all, of one stream, of the receiver. Account numbers are strings: they do not fit a JavaScript
- * number. Text that is not UTF-8 is replaced. @param nIndent blanks per level, negative: one line
+ * JSON of all. Account numbers are strings: they do not fit a JavaScript number. Text that is not UTF-8 is replaced.
+ * @param st       what to print
+ * @param nIndent  blanks per level, negative: one line
  */
 std::string UdtStatsJson(const tagUdtStats& st, int nIndent = 2);
+/// The same of one stream.
 std::string UdtStreamStatsJson(const tagUdtStreamStats& st, int nIndent = 2);
+/// The same of the receiver as a whole.
 std::string UdtReceiverStatsJson(const tagUdtReceiverStats& st, int nIndent = 2);
 
 /// OpenMetrics 1.0 text of all, "# EOF" included. Serve it as `c_pszUdtOpenMetricsType`.
 std::string UdtStatsOpenMetrics(const tagUdtStats& st);
+/// The media type to serve it as.
 constexpr const char* c_pszUdtOpenMetricsType = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
 /// One printed field: for help pages, and for whoever checks that the manual is whole.
@@ -212,7 +216,9 @@ struct tagUdtStatsField
     const char* pszUnit;   ///< of the OpenMetrics samples: "seconds", "bytes", "ratio", or "" for a count
     const char* pszHelp;   ///< one sentence
 };
+/// All printed fields of a stream.
 std::vector<tagUdtStatsField> UdtStreamStatsFields();
+/// All printed fields of the receiver as a whole.
 std::vector<tagUdtStatsField> UdtReceiverStatsFields();
 
 #endif // UDTSTATS_H

@@ -1,4 +1,4 @@
-/**
+/** @file
  * Stands between a receiver and its owner's callbacks and counts what passes:
  *
  *   owner --UDTReceiveNetData--> collector --> receiver --callbacks--> collector --> owner
