@@ -206,8 +206,9 @@ void CAVGUdtRecvPool::Work()
         }
         else if (m_deqWaiting.front().tDue > tNow)
         {
+            const CClock::time_point tDue = m_deqWaiting.front().tDue; // the member may go meanwhile
             m_bTimed = true;
-            m_cvWork.wait_until(lock, m_deqWaiting.front().tDue);
+            m_cvWork.wait_until(lock, tDue);
             m_bTimed = false;
             tNow = CClock::now();
         }
