@@ -7,6 +7,9 @@ function(udt_strict TARGET)
                            -fno-sanitize-recover=all)
     target_link_options(${TARGET} PUBLIC -fsanitize=${UDT_SANITIZE})
   endif()
+  if(UDT_FUZZERS)
+    target_compile_options(${TARGET} PRIVATE -fsanitize=fuzzer-no-link) # the fuzzers see which ways were taken
+  endif()
 endfunction()
 
 # One test program per folder of tests/, its cases listed to ctest one by one. They are listed when
@@ -21,6 +24,9 @@ function(udt_test_program NAME)
   # Tests are compiled far longer than they run, above all under sanitizers. What they test keeps its own flags.
   if(UDT_SANITIZE)
     target_compile_options(${NAME} PRIVATE -O0)
+    if(UDT_FUZZERS)
+      target_compile_options(${NAME} PRIVATE -fno-sanitize=fuzzer-no-link)
+    endif()
   else()
     target_compile_options(${NAME} PRIVATE $<$<CONFIG:Release>:-O1>)
   endif()

@@ -62,6 +62,7 @@ void CLabRun::Turn(int64 llTimeUs)
 {
     m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
     m_checks.TurnBegins((uint32)m_clock.Tick());
+    m_playout.TurnBegins();
     m_pRecv->RunTurn();
     m_checks.TurnEnds();
 }
@@ -108,7 +109,7 @@ void CLabRun::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
     CMediaPacket& packet = static_cast<CMediaPacket&>(*pPacket); // nothing else was ever fed
     m_checks.Released(packet);
     *pnDelay = m_observer.OnReleased(packet, (uint32)m_clock.Tick());
-    m_playout.Released(*m_pRecv, packet, (uint32)m_clock.Tick(), *pnDelay);
+    m_playout.Released(*m_pRecv, packet, *pnDelay);
 }
 
 int CLabRun::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uint32, uint32)

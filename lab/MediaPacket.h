@@ -56,9 +56,12 @@ public:
     uint8 m_cSubType = 0;
 
     // Kept by CRunChecks.
-    bool m_bFirst = false;    // the first packet of its stream with this sequence
-    bool m_bLate = false;     // handed in after its place was played
-    bool m_bReleased = false; // given back to the owner at least once
+    uint64 m_ullFedTurn = 0;    // the turn before it was handed in
+    uint64 m_ullFedForgets = 0; // how often streams had been forgotten by then
+    bool m_bFirst = false;      // the first packet of its stream with this sequence
+    bool m_bUnsure = false;     // as far as anybody remembers: it lies too far back
+    bool m_bLate = false;       // handed in after its place was played
+    bool m_bReleased = false;   // given back to the owner at least once
 
     // For whoever writes down what was played; empty when nobody does.
     std::vector<uint8> m_vecBytes; // the RTP packet as far as it is known

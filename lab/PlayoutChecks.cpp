@@ -36,8 +36,7 @@ const tagDataPacket* BehindGap(const MapUdtPacket& map, uint32 dwSeq, uint32 dwT
 
 } // namespace
 
-void CPlayoutChecks::Released(const CAVGUdtRecv& recv, const CMediaPacket& packet, uint32 dwTick,
-                              int nPlayDelay)
+void CPlayoutChecks::Released(const CAVGUdtRecv& recv, const CMediaPacket& packet, int nPlayDelay)
 {
     uint32 dwPlayDelay = 0;
     if (packet.m_cSubType == MEAVAudio)
@@ -45,10 +44,9 @@ void CPlayoutChecks::Released(const CAVGUdtRecv& recv, const CMediaPacket& packe
         if (packet.m_uStream >= m_vecDelays.size())
             m_vecDelays.resize(packet.m_uStream + 1);
         tagPlayDelay& st = m_vecDelays[packet.m_uStream];
-        if (!st.bAny || st.dwTick != dwTick)
+        if (st.ullTurn != m_ullTurn)
             st.dwInForce = st.dwReported;
-        st.bAny = true;
-        st.dwTick = dwTick;
+        st.ullTurn = m_ullTurn;
         st.dwReported = (uint32)nPlayDelay;
         dwPlayDelay = st.dwInForce;
     }

@@ -24,8 +24,9 @@ public:
     typedef std::function<void(const std::string& strWhat)> FnBroken;
     explicit CPlayoutChecks(FnBroken fnBroken) : m_fnBroken(std::move(fnBroken)) {}
 
+    void TurnBegins() { m_ullTurn++; }
     // Inside the release callback. nPlayDelay is what the owner answers to this release.
-    void Released(const CAVGUdtRecv& recv, const CMediaPacket& packet, uint32 dwTick, int nPlayDelay);
+    void Released(const CAVGUdtRecv& recv, const CMediaPacket& packet, int nPlayDelay);
     // Inside the event callback.
     void Requested(const CAVGUdtRecv& recv, const tagReplyData* pReply, uint32 uCount, uint32 dwTick);
 
@@ -42,12 +43,12 @@ private:
     {
         uint32 dwInForce = 0;
         uint32 dwReported = 0;
-        uint32 dwTick = 0;
-        bool bAny = false;
+        uint64 ullTurn = 0; // of the last release
     };
 
     FnBroken m_fnBroken;
     std::vector<tagPlayDelay> m_vecDelays; // by stream
+    uint64 m_ullTurn = 0;
     uint64 m_ullScanRequests = 0;
     uint64 m_ullImmediateRequests = 0;
 };

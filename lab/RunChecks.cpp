@@ -12,6 +12,7 @@ namespace
 
 constexpr size_t c_nMaxLines = 10;
 constexpr size_t c_nPlayedRing = 4096;
+constexpr size_t c_nTurnRing = 4096;
 
 // The receiver remembers a sequence for 6 s from the turn that took it, which may be one turn after it was
 // handed in.
@@ -39,7 +40,12 @@ void CRunChecks::Fed(CMediaPacket& packet, uint32 dwTick)
 {
     tagStream& stStream = Stream(packet.m_uStream);
     packet.m_dwFedTick = dwTick;
-    packet.m_bFirst = stStream.seen.Insert(packet.dwSenderSeq) != CSeqWindow::ESeen::Again;
+    packet.m_ullFedTurn = m_ullTurn;
+    packet.m_ullFedForgets = m_ullForgets;
+    const CSeqWindow::ESeen eSeen = stStream.seen.Insert(packet.dwSenderSeq);
+    packet.m_bFirst = eSeen != CSeqWindow::ESeen::Again;
+    packet.m_bUnsure = eSeen == CSeqWindow::ESeen::Behind &&
+                       stStream.seen.Highest() - packet.dwSenderSeq >= CSeqWindow::c_uSpan;
     packet.m_bLate = stStream.bPlayed && IsBehindOrAt(packet.dwSenderSeq, stStream.dwHighest);
     stStream.st.ullFed++;
     if (packet.m_bFirst)
@@ -51,6 +57,8 @@ void CRunChecks::TurnBegins(uint32 dwTick)
 {
     m_dwTick = dwTick;
     m_ullTurn++;
+    m_vecTurnTicks.resize(c_nTurnRing);
+    m_vecTurnTicks[m_ullTurn % c_nTurnRing] = dwTick;
     m_ullSkipLines = 0;
     m_bPulledBack = false;
 }
@@ -63,6 +71,7 @@ void CRunChecks::LogLine(const char* pszText)
     {
         m_bPulledBack = true;
         m_ullPullBacks++;
+        m_ullForgets++;
     }
 }
 
@@ -102,17 +111,25 @@ void CRunChecks::CheckOrder(tagStream& stStream, const CMediaPacket& packet)
     stStream.dwLastInTurn = dwSeq;
 }
 
+// When the receiver looked at it: in the first turn after it was handed in, which may be long after when nobody made
+// turns for a while.
+uint32 CRunChecks::TakenTick(const CMediaPacket& packet) const
+{
+    const uint64 ullTurn = packet.m_ullFedTurn + 1;
+    return m_ullTurn - ullTurn < c_nTurnRing ? m_vecTurnTicks[ullTurn % c_nTurnRing] : packet.m_dwFedTick;
+}
+
 void CRunChecks::CheckTwice(tagStream& stStream, const CMediaPacket& packet)
 {
     if (stStream.vecPlayed.empty())
         stStream.vecPlayed.resize(c_nPlayedRing);
     tagPlayed& stPlayed = stStream.vecPlayed[packet.dwSenderSeq % c_nPlayedRing];
-    if (stPlayed.bSet && stPlayed.dwSeq == packet.dwSenderSeq && stPlayed.ullPullBacks == m_ullPullBacks &&
-        packet.m_dwFedTick - stPlayed.dwFedTick < c_dwSurelyRemembered)
+    if (stPlayed.bSet && stPlayed.dwSeq == packet.dwSenderSeq && stPlayed.ullForgets == m_ullForgets &&
+        TakenTick(packet) - stPlayed.dwFedTick < c_dwSurelyRemembered)
         PacketViolation(packet.m_uStream, packet.dwSenderSeq, "played twice");
     stPlayed.dwSeq = packet.dwSenderSeq;
     stPlayed.dwFedTick = packet.m_dwFedTick;
-    stPlayed.ullPullBacks = m_ullPullBacks;
+    stPlayed.ullForgets = packet.m_ullFedForgets; // it may have been forgotten before it left
     stPlayed.bSet = true;
 }
 
@@ -123,7 +140,7 @@ void CRunChecks::Gone(CMediaPacket& packet)
         return;
     tagStream& stStream = Stream(packet.m_uStream);
     if (!m_bStopping)
-        m_vecDrops.push_back({packet.m_uStream, packet.dwSenderSeq, packet.m_bFirst});
+        m_vecDrops.push_back({packet.m_uStream, packet.dwSenderSeq, packet.m_bFirst, packet.m_bUnsure});
     else if (packet.m_bFirst)
         stStream.st.ullLeft++;
     else
@@ -145,6 +162,11 @@ void CRunChecks::TurnEnds()
             st.ullSkipped++;
         else if (m_bPulledBack || m_bClearAsked)
             st.ullCleared++;
+        else if (stDrop.bUnsure)
+        {
+            st.ullFirst--; // so it was a repeat
+            st.ullRepeats++;
+        }
         else
         {
             st.ullVanished++;

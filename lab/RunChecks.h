@@ -49,8 +49,12 @@ public:
     void TurnEnds();
     void Released(CMediaPacket& packet);
     void LogLine(const char* pszText);
-    // The owner asked for streams to be cleared: the next turn may drop packets.
-    void ClearAsked() { m_bClearAsked = true; }
+    // The owner asked for streams to be cleared: the next turn may drop packets, and forget that it had them.
+    void ClearAsked()
+    {
+        m_bClearAsked = true;
+        m_ullForgets++;
+    }
     // From here on what is let go was left in a buffer.
     void StopBegins() { m_bStopping = true; }
     void Gone(CMediaPacket& packet);
@@ -76,7 +80,7 @@ private:
     {
         uint32 dwSeq = 0;
         uint32 dwFedTick = 0;
-        uint64 ullPullBacks = 0;
+        uint64 ullForgets = 0;
         bool bSet = false;
     };
     struct tagStream
@@ -94,9 +98,11 @@ private:
         uint32 uStream;
         uint32 dwSeq;
         bool bFirst;
+        bool bUnsure;
     };
 
     tagStream& Stream(uint32 uStream);
+    uint32 TakenTick(const CMediaPacket& packet) const;
     void CheckOrder(tagStream& stStream, const CMediaPacket& packet);
     void CheckTwice(tagStream& stStream, const CMediaPacket& packet);
     void Violation(const std::string& strWhat);
@@ -106,8 +112,10 @@ private:
     std::vector<tagDrop> m_vecDrops; // let go unplayed in this turn, not named yet
     uint64 m_ullLive = 0;
     uint64 m_ullTurn = 0;
-    uint64 m_ullSkipLines = 0; // in this turn
+    std::vector<uint32> m_vecTurnTicks; // ring of the last turns
+    uint64 m_ullSkipLines = 0;          // in this turn
     uint64 m_ullPullBacks = 0;
+    uint64 m_ullForgets = 0; // pull-backs and clearings
     uint32 m_dwTick = 0;
     uint32 m_dwStartTick = 0;
     bool m_bPulledBack = false; // in this turn

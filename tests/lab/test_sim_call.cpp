@@ -288,17 +288,21 @@ TEST(SimulateBroken, APacketThatLeavesBeforeItsTimeIsNamed)
     pPacket->m_cSubType = MEAVAudio;
     pPacket->dwSenderSeq = 10;
     rig.User(7)->dwTimelineOut = stHead.uTimeStamp;
-    checks.Released(rig.m_recv, *pPacket, 1000, 0);
+    checks.TurnBegins();
+    checks.Released(rig.m_recv, *pPacket, 0);
     EXPECT_TRUE(vecBroken.empty()); // just in time
     rig.User(7)->dwTimelineOut = stHead.uTimeStamp - 1;
-    checks.Released(rig.m_recv, *pPacket, 1010, 30);
+    checks.TurnBegins();
+    checks.Released(rig.m_recv, *pPacket, 30);
     ASSERT_EQ(vecBroken.size(), 1u);
     EXPECT_THAT(vecBroken[0], HasSubstr("sequence 10 left before its time"));
     // The play delay reported at one turn's release is in force in the next.
     rig.User(7)->dwTimelineOut = stHead.uTimeStamp - 30;
-    checks.Released(rig.m_recv, *pPacket, 1020, 0);
+    checks.TurnBegins();
+    checks.Released(rig.m_recv, *pPacket, 0);
     EXPECT_EQ(vecBroken.size(), 1u);
-    checks.Released(rig.m_recv, *pPacket, 1030, 0);
+    checks.TurnBegins();
+    checks.Released(rig.m_recv, *pPacket, 0);
     EXPECT_EQ(vecBroken.size(), 2u);
 }
 

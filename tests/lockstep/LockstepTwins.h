@@ -80,6 +80,7 @@ public:
     uint64 m_ullReleases = 0;
     uint64 m_ullLines = 0;
 
+    void Disarm() { m_vecArmed.clear(); }
     void Tell(const char* pszFormat, ...) __attribute__((format(printf, 2, 3)));
     static void Sink(void* pCtx, UDT_LOG_LEVEL eLevel, const char* pTag, const char* pFile, int nLine,
                      const char* pFunc, const char* pText);
@@ -140,6 +141,14 @@ public:
     std::vector<tagReplyData> TakeAsked();
     uint64 Releases() const { return m_plain.m_ullReleases; }
     uint64 Lines() const { return m_plain.m_ullLines; }
+    /// Packets that either holds.
+    int Held() const { return m_fast.m_nLivePackets + m_plain.m_nLivePackets; }
+    /// No call waits for a callback any more.
+    void Disarm()
+    {
+        m_fast.Disarm();
+        m_plain.Disarm();
+    }
 
 private:
     bool CompareTold();
