@@ -59,7 +59,7 @@ public:
     uint64 m_ullFedTurn = 0;    // the turn before it was handed in
     uint64 m_ullFedForgets = 0; // how often streams had been forgotten by then
     bool m_bFirst = false;      // the first packet of its stream with this sequence
-    bool m_bUnsure = false;     // as far as anybody remembers: it lies too far back
+    bool m_bUnsure = false;     // as far as anybody remembers: sequences of its stream lie too far apart
     bool m_bLate = false;       // handed in after its place was played
     bool m_bReleased = false;   // given back to the owner at least once
 

@@ -44,8 +44,9 @@ void CRunChecks::Fed(CMediaPacket& packet, uint32 dwTick)
     packet.m_ullFedForgets = m_ullForgets;
     const CSeqWindow::ESeen eSeen = stStream.seen.Insert(packet.dwSenderSeq);
     packet.m_bFirst = eSeen != CSeqWindow::ESeen::Again;
-    packet.m_bUnsure = eSeen == CSeqWindow::ESeen::Behind &&
-                       stStream.seen.Highest() - packet.dwSenderSeq >= CSeqWindow::c_uSpan;
+    stStream.bFarBack |= eSeen == CSeqWindow::ESeen::Behind &&
+                         stStream.seen.Highest() - packet.dwSenderSeq >= CSeqWindow::c_uSpan;
+    packet.m_bUnsure = stStream.bFarBack;
     packet.m_bLate = stStream.bPlayed && IsBehindOrAt(packet.dwSenderSeq, stStream.dwHighest);
     stStream.st.ullFed++;
     if (packet.m_bFirst)

@@ -87,6 +87,7 @@ private:
     {
         tagPacketAccount st;
         CSeqWindow seen;
+        bool bFarBack = false; // some sequence lay further back than `seen` remembers
         bool bPlayed = false;
         uint32 dwHighest = 0; // of all played
         uint64 ullLastTurn = 0;
