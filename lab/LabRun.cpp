@@ -55,7 +55,7 @@ void CLabRun::Feed(CMediaPacket* pPacket, int64 llTimeUs)
     m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
     m_checks.Fed(*pPacket, (uint32)m_clock.Tick());
     m_collector.UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
-                                  pPacket->m_cSubType, pPacket);
+                                  pPacket->m_cSubType, pPacket, pPacket->m_stArrival);
 }
 
 void CLabRun::Turn(int64 llTimeUs)

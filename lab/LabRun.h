@@ -72,6 +72,11 @@ public:
     CAVGUdtRecv& Receiver() { return *m_pRecv; }
     // What was counted between receiver and owner; after Stop as it stood just before.
     void Snapshot(tagUdtStats& stStats);
+    // The time of day at which the run begins, microseconds since 1970.
+    void SetStartOfDay(uint64 ullUnixUs)
+    {
+        m_collector.SetTimeAtTick((double)ullUnixUs / 1000.0, m_ullStartTick);
+    }
     // The owner polled the downlink loss.
     void PollDownlink();
     // After Stop: the receiver's own report, line by line.

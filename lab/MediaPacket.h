@@ -5,6 +5,7 @@
 #include "AVGUDTCodec.h"
 #include "IUDT.h"
 #include "RtpTypes.h"
+#include "UdtStatsCollector.h"
 
 #include <cstring>
 #include <vector>
@@ -55,6 +56,8 @@ public:
     uint32 m_dwFedTick = 0; // when it was handed in
     uint8 m_cSubType = 0;
 
+    tagUdtArrival m_stArrival; // what its maker knows besides
+
     // Kept by CRunChecks.
     uint64 m_ullFedTurn = 0;    // the turn before it was handed in
     uint64 m_ullFedForgets = 0; // how often streams had been forgotten by then
@@ -68,7 +71,6 @@ public:
     uint32 m_dwWireLen = 0;        // bytes of the whole packet on the wire
     tagRtpAddr m_stSrc;
     tagRtpAddr m_stDst;
-    bool m_bByRtx = false;
 
 private:
     uint8 m_aHead[sizeof(tagUdtPacketHeadInfo)];

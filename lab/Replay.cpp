@@ -345,6 +345,7 @@ tagReplayResult RunReplay(const tagReplayOptions& stOptions)
         CLabRun run(stRun, counts);
         counts.Begin(run);
         counts.SetStartUs(source.StartUs());
+        run.SetStartOfDay(source.StartUs());
         source.OnFeed([&counts](const tagRtpMedia&, const CMediaPacket& packet, int64 llTimeUs)
                       { counts.OnFed(packet, llTimeUs); });
 

@@ -67,7 +67,9 @@ void CRtpSource::Fire(CLabRun& run)
     pPacket->m_uStream = m_stMedia.dwStream;
     pPacket->m_cSubType = m_stMedia.cSubType;
     pPacket->m_dwWireLen = m_stMedia.dwWireLen;
-    pPacket->m_bByRtx = m_stMedia.bByRtx;
+    pPacket->m_stArrival.dwPayloadBytes = m_stMedia.wLen;
+    if (m_stMedia.bByRtx)
+        pPacket->m_stArrival.bRetransmitted = true; // of any other packet a capture does not tell
     pPacket->m_stSrc = m_stMedia.stSrc;
     pPacket->m_stDst = m_stMedia.stDst;
     if (m_bKeepBytes)

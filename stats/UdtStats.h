@@ -56,8 +56,8 @@ struct tagUdtStreamStats
     /// Loss-request messages that ask for a packet of this stream; an owner that splits a message into several
     /// packets sends more. [request]
     std::optional<uint64> nackCount;
-    /// Retransmitted packets that came. As told at the door; where that is never told: packets that came after
-    /// they were asked for, which an original that is merely late does too. [door], else [release]
+    /// Retransmitted packets that came, as the owner told at the door. Absent until the owner told of some packet
+    /// whether it is one: a late original looks just like an answer, see requestedPacketsReceived. [door]
     std::optional<uint64> retransmittedPacketsReceived;
     /// Packets of forward error correction: index at or behind the frame's data packets. Video. [door]
     std::optional<uint64> fecPacketsReceived;

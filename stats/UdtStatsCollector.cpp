@@ -11,7 +11,7 @@
 #include "UdtStreamCounts.h"
 #include "xpmess.h"
 
-#include <iterator>
+#include <algorithm>
 
 namespace
 {
@@ -159,8 +159,10 @@ CUdtStreamCounts& CUdtStatsCollector::Counts(const tagInPktKey& stKey, uint64 ul
     MapCounts::iterator it = m_mapCounts.lower_bound(stKey);
     if (it == m_mapCounts.end() || stKey < it->first)
     {
-        // Streams come seldom: the time to look for those that left.
+        // Streams come seldom: the time to look for those that left. Where they do not, somebody makes accounts up.
         Forget(ullTick);
+        if (m_mapCounts.size() >= c_dwUdtStatsMaxStreams)
+            ForgetSilentLongest();
         it = m_mapCounts.emplace(stKey, std::make_unique<CUdtStreamCounts>(stKey.cSubType)).first;
     }
     m_stLastKey = stKey;
@@ -184,6 +186,17 @@ void CUdtStatsCollector::Forget(uint64 ullTick)
             m_pLastCounts = nullptr;
         it = m_mapCounts.erase(it);
     }
+}
+
+void CUdtStatsCollector::ForgetSilentLongest()
+{
+    const MapCounts::iterator it =
+        std::min_element(m_mapCounts.begin(), m_mapCounts.end(),
+                         [](const MapCounts::value_type& a, const MapCounts::value_type& b)
+                         { return a.second->LastTick() < b.second->LastTick(); });
+    if (it->second.get() == m_pLastCounts)
+        m_pLastCounts = nullptr;
+    m_mapCounts.erase(it);
 }
 
 // ---- Network threads -------------------------------------------------------------------------------------------

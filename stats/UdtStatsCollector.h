@@ -30,11 +30,14 @@
 
 class CUdtStreamCounts;
 
+/// Streams whose counts are remembered. One more makes the collector forget the one that was silent longest.
+constexpr uint32 c_dwUdtStatsMaxStreams = 4096;
+
 /** What an owner may know of a packet beyond what the receiver is told. */
 struct tagUdtArrival
 {
     std::optional<uint32> dwPayloadBytes; ///< media payload, without any header
-    std::optional<bool> bRetransmitted;   ///< it is (true) or is not (false) sent again on a request
+    std::optional<bool> bRetransmitted;   ///< it is (true) or is not (false) sent again, as RTX tells
 };
 
 /** Counts what passes between one receiver and its owner; the head of this file shows where it stands. */
@@ -95,6 +98,7 @@ private:
 
     CUdtStreamCounts& Counts(const tagInPktKey& stKey, uint64 ullTick); // Caller holds m_lock.
     void Forget(uint64 ullTick);                                        // Caller holds m_lock.
+    void ForgetSilentLongest();                                         // Caller holds m_lock.
     const tagPlayoutInfo* PlayoutOf(CAVGUdtRecv& recv, uint64 llAccount, uint32 dwTick);
     void AskReceiver(tagSeen& stSeen);
 

@@ -97,11 +97,7 @@ void CUdtStreamCounts::Came(const tagCame& stCame)
         cMarks |= CUdtSeqMarks::MARK_CAME;
     }
     CountSequence(stCame.dwSeq, bFirst, ePlace);
-    if (bAsked)
-    {
-        ++m_ullAnswers;
-        m_ullAskedCame += bFirst ? 1 : 0;
-    }
+    m_ullAskedCame += bAsked && bFirst ? 1 : 0;
     if (stCame.bRetransmitted)
     {
         m_bRetransmittedTold = true;
@@ -114,7 +110,9 @@ void CUdtStreamCounts::Came(const tagCame& stCame)
     m_bPayloadKnown = m_bPayloadKnown && stCame.dwPayloadBytes;
     m_ullRepeats += bFirst ? 0 : 1;
     m_ullCameTick = m_ullLastTick = stCame.ullTick;
-    if (bFirst && !bAsked && !stCame.bRetransmitted.value_or(false))
+    if (ePlace == CUdtSeqMarks::PLACE_RESTARTED)
+        m_bTransit = false; // a media clock of its own: there is nothing yet to compare with
+    if (ePlace != CUdtSeqMarks::PLACE_OUTSIDE && bFirst && !bAsked && !stCame.bRetransmitted.value_or(false))
         CountJitter(stCame);
     if (m_bVideo)
         CountFrameIn(stCame.stHead);
@@ -211,10 +209,7 @@ void CUdtStreamCounts::Released(const tagDataPacket& stPacket, uint64 ullTick,
         return; // a leftover of a numbering that has ended
     uint8& cMarks = m_marks.At(dwSeq);
     if (m_ullCame == 0 && (cMarks & CUdtSeqMarks::MARK_ASKED) != 0)
-    {
-        ++m_ullAnswers;
         m_ullAskedCame += (cMarks & CUdtSeqMarks::MARK_RELEASED) == 0 ? 1 : 0;
-    }
     cMarks |= CUdtSeqMarks::MARK_RELEASED;
 
     if (m_bAnyOut && m_marks.IsRemembered(m_dwHighestOut) && (int32)(dwSeq - m_dwHighestOut) <= 0)
@@ -319,7 +314,8 @@ void CUdtStreamCounts::Fill(tagUdtStreamStats& st, bool bReleasesSeen) const
             st.framesReceived = m_ullFramesCame;
         }
     }
-    st.retransmittedPacketsReceived = m_bRetransmittedTold ? m_ullToldRetransmitted : m_ullAnswers;
+    if (m_bRetransmittedTold)
+        st.retransmittedPacketsReceived = m_ullToldRetransmitted;
     st.nackCount = m_ullMessages;
     st.packetsRequested = m_ullAsked;
     st.packetsRequestedUnique = m_ullAskedOnce;

@@ -165,8 +165,7 @@ private:
     uint64 m_ullLastMessage = 0;
     uint64 m_ullAsked = 0;
     uint64 m_ullAskedOnce = 0;
-    uint64 m_ullAnswers = 0;   // packets that came after they were asked for
-    uint64 m_ullAskedCame = 0; // of these, the first of their sequence
+    uint64 m_ullAskedCame = 0; // that came after they were asked for
 };
 
 #endif // UDTSTREAMCOUNTS_H

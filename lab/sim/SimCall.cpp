@@ -447,6 +447,7 @@ void CSimCall::AtReceiver(CLabRun& run, int64 llNowUs, const tagSimPacket& stPac
     pPacket->u64Uin = ullUin;
     pPacket->wTimeStamp = (uint16)(stream.m_stFirst.wTransportMs + p->llSentUs / 1000);
     pPacket->wLen = p->wBytes;
+    pPacket->m_stArrival.bRetransmitted = stPacket.cKind == SIM_ANSWER;
     if (m_stHooks.fnFeed)
         m_stHooks.fnFeed(*pPacket);
     run.Feed(pPacket, llNowUs);

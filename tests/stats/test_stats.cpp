@@ -168,6 +168,23 @@ TEST(StatsJitter, IsBlindToTheWrapOfTheTickAndToRepairs)
     EXPECT_THAT(call.Stream(MEAVAudio).jitter, Optional(0.0));
 }
 
+// A sender that begins anew has new sequences and, as a rule, a new media clock. The step between the two clocks is no
+// jitter; it used to enter as one, of hours.
+TEST(StatsJitter, IsBlindToASenderThatBeginsAnew)
+{
+    tagCall call;
+    const auto Send = [&](uint32 dwSeq, uint32 dwMedia)
+    {
+        call.Feed(AudioPacket(c_ullUin, dwSeq).At(dwMedia));
+        call.clock.JumpTo(call.clock.Tick() + 20);
+    };
+    for (uint32 i = 0; i < 5; ++i)
+        Send(100 + i, 5000 + 20 * i);
+    for (uint32 i = 0; i < 5; ++i)
+        Send(4000000 + i, 90000000 + 20 * i);
+    EXPECT_THAT(call.Stream(MEAVAudio).jitter, Optional(0.0));
+}
+
 TEST(StatsRequests, AreCountedByMessageBySequenceAndByWhatCame)
 {
     tagCall call;
@@ -196,11 +213,15 @@ TEST(StatsRequests, AreCountedByMessageBySequenceAndByWhatCame)
     call.Feed(AudioPacket(c_ullUin, 104)); // answered twice
     st = call.Stream(MEAVAudio);
     EXPECT_THAT(st.requestedPacketsReceived, Optional(1u));
-    EXPECT_THAT(st.retransmittedPacketsReceived, Optional(2u)); // nobody told which were sent again
-    tagUdtArrival stAnswer;
-    stAnswer.bRetransmitted = true;
-    call.Feed(AudioPacket(c_ullUin, 105), stAnswer);
-    EXPECT_THAT(call.Stream(MEAVAudio).retransmittedPacketsReceived, Optional(1u)); // now somebody did
+    // Nobody told which were sent again, and an original that is merely late looks just like an answer.
+    EXPECT_FALSE(st.retransmittedPacketsReceived.has_value());
+    tagUdtArrival stTold;
+    stTold.bRetransmitted = false;
+    call.Feed(AudioPacket(c_ullUin, 110), stTold);
+    EXPECT_THAT(call.Stream(MEAVAudio).retransmittedPacketsReceived, Optional(0u)); // known to be none
+    stTold.bRetransmitted = true;
+    call.Feed(AudioPacket(c_ullUin, 105), stTold);
+    EXPECT_THAT(call.Stream(MEAVAudio).retransmittedPacketsReceived, Optional(1u));
 }
 
 TEST(StatsFrames, AreCountedWhenTheirLastDataPacketComesAndWhenTheyLeave)
@@ -362,6 +383,25 @@ TEST(StatsCollector, ForgetsStreamsThatLeftAndCountsFromAReset)
     EXPECT_THAT(call.Stream(MEAVAudio).packetsReceived, Optional(1u));
 }
 
+TEST(StatsCollector, RemembersNoMoreStreamsThanItsLimitAndForgetsTheOneSilentLongest)
+{
+    tagCall call;
+    call.collector.SetForgetAfter(0);
+    call.recv.SetRoomState(1);
+    for (uint32 i = 0; i < c_dwUdtStatsMaxStreams + 3; ++i)
+    {
+        if (i == c_dwUdtStatsMaxStreams)
+            call.Feed(AudioPacket(1000, 101)); // the first stream speaks again
+        call.Feed(AudioPacket(1000 + i, 100));
+        call.clock.JumpTo(call.clock.Tick() + 1);
+    }
+    const std::vector<tagUdtStreamStats> vec = call.Snapshot().vecStreams;
+    ASSERT_EQ(vec.size(), c_dwUdtStatsMaxStreams);
+    EXPECT_EQ(vec[0].llAccount, 1000u);
+    EXPECT_EQ(vec[1].llAccount, 1004u); // 1001 to 1003 made place
+    EXPECT_EQ(vec.back().llAccount, 1000u + c_dwUdtStatsMaxStreams + 2);
+}
+
 // ---- The two texts -----------------------------------------------------------------------------------------------
 
 std::string Slurp(const std::string& strPath)
@@ -384,10 +424,14 @@ tagUdtStats GoldenCall()
     {
         if (i == 50)
             call.recv.SetRoomState(c_dwRoomStatePlaying);
+        tagUdtArrival stArrival; // of sound the owner knows more
+        stArrival.dwPayloadBytes = 60;
+        stArrival.bRetransmitted = false;
         if (i != 20)
-            call.Feed(AudioPacket(c_ullUin, 100 + i).At(5000 + i * 20).Len(80));
+            call.Feed(AudioPacket(c_ullUin, 100 + i).At(5000 + i * 20).Len(80), stArrival);
+        stArrival.bRetransmitted = true;
         if (i == 26)
-            call.Feed(AudioPacket(c_ullUin, 120).At(5400).Len(80));
+            call.Feed(AudioPacket(c_ullUin, 120).At(5400).Len(80), stArrival);
         if (i % 2 == 0)
         {
             const uint8 cFrm = (uint8)(i / 2);
