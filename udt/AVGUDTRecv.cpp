@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <new>
+#include <pthread.h>
 #include <unistd.h>
 #include <utility>
 
@@ -22,6 +23,7 @@ namespace
 constexpr int c_nVersion = 1911;          // written to the start and stop lines
 constexpr uint32 c_dwStopGraceMs = 200;   // for the worker to finish its turn
 constexpr uint32 c_dwTurnSleepUs = 10000; // between turns
+constexpr uint32 c_dwTurnWaitMs = 1;      // between looks at a turn that another thread makes
 constexpr uint32 c_dwSpeedFactor = 10;    // smoothing of the rate meters
 
 constexpr uint32 c_dwDefaultCalcTimer = 2000;     // ms
@@ -33,6 +35,8 @@ constexpr uint32 c_dwLeastNextGetTime = 100;      // ms
 constexpr uint32 c_dwRttMargin = 50;              // ms over the round-trip time before a request repeats
 constexpr uint32 c_dwLeastRttInterval = 200;      // ms
 
+uint64 ThisThread() { return (uint64)pthread_self(); }
+
 // The three meters in use: places in m_pSpeed are types counted from TOTAL_RECV_SPEED.
 constexpr int SpeedIndex(emSpeedType eType) { return (int)eType - (int)TOTAL_RECV_SPEED; }
 
@@ -40,6 +44,22 @@ constexpr emSpeedType c_eSpeeds[] = {TOTAL_RECV_SPEED, TOTAL_AUDIO_RECV_SPEED, T
 constexpr emSpeedType c_eSpeedsUndone[] = {TOTAL_RECV_SPEED, TOTAL_VIDEO_RECV_SPEED, TOTAL_AUDIO_RECV_SPEED};
 
 } // namespace
+
+// Closes a turn again, whatever a callback lets out.
+struct CAVGUdtRecv::tagOpenTurn
+{
+    tagOpenTurn(CAVGUdtRecv& recvOf, bool bOpenedHere) : recv(recvOf), bOpened(bOpenedHere) {}
+    ~tagOpenTurn()
+    {
+        if (bOpened)
+            recv.EndTurn();
+    }
+    tagOpenTurn(const tagOpenTurn&) = delete;
+    tagOpenTurn& operator=(const tagOpenTurn&) = delete;
+
+    CAVGUdtRecv& recv;
+    const bool bOpened;
+};
 
 // ---- Lifecycle -------------------------------------------------------------------------------------------
 
@@ -60,7 +80,7 @@ CAVGUdtRecv::CAVGUdtRecv(IUDTRecvEventCallBack* pCB)
       m_dwIFrmPkgLostInfo(0), m_dwPushStmDone(0), m_dwAVSyncAdjSwitch(1), m_LogPrintFlag(0),
       m_dwOutDelayDone(0), m_dwChnClearNum(0), m_dwUinNum(0), m_dwMultiUinAVSync(0), m_dwLogPrintTimer(0),
       m_dwLastPrintTick(0), m_nSpareWanted(0), m_pstReleasing(nullptr), m_bInTurn(FALSE),
-      m_bStoppedInTurn(FALSE)
+      m_bStoppedInTurn(FALSE), m_ullTurnThread(0)
 {
 }
 
@@ -79,17 +99,19 @@ void CAVGUdtRecv::Start()
         RECV_LOG(LOG_LEVEL_ERROR, "Start", "CAVGUdtRecv:: start from inside the stopping turn is ignored");
         return;
     }
+    {
+        const tagOpenTurn stNoTurn(*this, AwaitTurn());
+        Clear();
+        m_bStoppedInTurn = FALSE;
+        m_hRecvEvent = xpevent_create(0, 0);
+        m_bStop = 0;
 
-    Clear();
-    m_bStoppedInTurn = FALSE;
-    m_hRecvEvent = xpevent_create(0, 0);
-    m_bStop = 0;
+        const uint32 dwNow = TickNow();
+        m_dwLastCalcRecvLoss = dwNow;
+        m_dwRecvChnStartTime = dwNow;
 
-    const uint32 dwNow = TickNow();
-    m_dwLastCalcRecvLoss = dwNow;
-    m_dwRecvChnStartTime = dwNow;
-
-    InitSpeed();
+        InitSpeed();
+    }
     CAVGThreadModel::StartThread();
     RECV_LOG(LOG_LEVEL_ERROR, "Start", "CAVGUdtRecv:: thread start... ver %d", c_nVersion);
 }
@@ -104,22 +126,23 @@ void CAVGUdtRecv::Stop()
     }
     xpevent_signal(m_hRecvEvent);
 
-    if (IsOwnerDriven())
-    {
-        m_bStoppedInTurn.Exchange(TRUE);
-        FinishStop();
-    }
-    else if (!IsWorkerThread())
+    if (!IsOwnerDriven() && !IsWorkerThread())
     {
         xp_msleep(c_dwStopGraceMs);
         CAVGThreadModel::StopThread();
     }
+    {
+        const tagOpenTurn stNoTurn(*this, AwaitTurn());
+        m_bStoppedInTurn = (boolean)IsOwnerDriven();
+        if (stNoTurn.bOpened)
+            FinishStop();
 
-    xpevent_destory(m_hRecvEvent);
-    m_hRecvEvent = nullptr;
-    UninitSpeed();
-    ResetStopCounters();
-    m_bEnableReGetPkg = 1;
+        xpevent_destory(m_hRecvEvent);
+        m_hRecvEvent = nullptr;
+        UninitSpeed();
+        ResetStopCounters();
+        m_bEnableReGetPkg = 1;
+    }
     RECV_LOG(LOG_LEVEL_ERROR, "Stop", "CAVGUdtRecv:: thread stop... ver %d", c_nVersion);
 }
 
@@ -149,39 +172,52 @@ void CAVGUdtRecv::GuardedStep(const char* pszOper)
 
 void CAVGUdtRecv::RunTurn()
 {
-    if (!BeginTurn())
+    const tagOpenTurn stTurn(*this, BeginTurn());
+    if (!stTurn.bOpened)
         return;
-    {
-        // Closed again whatever a callback lets out.
-        struct tagOpenTurn
-        {
-            CAVGUdtRecv& recv;
-            ~tagOpenTurn() { recv.EndTurn(); }
-        } stOpenTurn{*this};
-
-        GuardedStep<&CAVGUdtRecv::Deliver>("Deliver");
-        GuardedStep<&CAVGUdtRecv::OutPacket>("OutPacket");
-        GuardedStep<&CAVGUdtRecv::CheckTimeOutNew>("CheckTimeOutNew");
-        GuardedStep<&CAVGUdtRecv::CalcStatInfo>("CalcStatInfo");
-    }
-    if (IsOwnerDriven())
-        FinishStop();
+    GuardedStep<&CAVGUdtRecv::Deliver>("Deliver");
+    GuardedStep<&CAVGUdtRecv::OutPacket>("OutPacket");
+    GuardedStep<&CAVGUdtRecv::CheckTimeOutNew>("CheckTimeOutNew");
+    GuardedStep<&CAVGUdtRecv::CalcStatInfo>("CalcStatInfo");
+    FinishStop();
 }
 
 // A turn is made once at a time: a callback that asks for another one would pull the streams from under the
-// walk it was called from. The exchange writes even when it finds a turn open, so that the one who closes that
-// turn sees what was stored before (FinishStop).
-bool CAVGUdtRecv::BeginTurn() { return m_bInTurn.Exchange(TRUE) == FALSE; }
-void CAVGUdtRecv::EndTurn() { m_bInTurn.Exchange(FALSE); }
+// walk it was called from.
+bool CAVGUdtRecv::BeginTurn()
+{
+    if (m_bInTurn.Exchange(TRUE) != FALSE)
+        return false;
+    m_ullTurnThread = ThisThread();
+    return true;
+}
 
-// Owner-driven: writes the end of a stopped run, unless a turn is open; then that turn's thread does, after it.
+void CAVGUdtRecv::EndTurn()
+{
+    m_ullTurnThread = 0;
+    m_bInTurn.Exchange(FALSE);
+}
+
+// An owner-driven receiver may be turned by one thread and started and stopped by another: keeps turns out until
+// EndTurn. False: this is inside the turn, which cannot be waited for.
+bool CAVGUdtRecv::AwaitTurn()
+{
+    while (!BeginTurn())
+    {
+        if (m_ullTurnThread == ThisThread())
+            return false;
+        xp_msleep(c_dwTurnWaitMs);
+    }
+    return true;
+}
+
+// Owner-driven: writes the end of a stopped run; of one stopped by a callback, when its turn is over.
 void CAVGUdtRecv::FinishStop()
 {
-    if (m_bStoppedInTurn == FALSE || !BeginTurn())
+    if (m_bStoppedInTurn == FALSE)
         return;
-    if (m_bStoppedInTurn.Exchange(FALSE) != FALSE)
-        EndRun();
-    EndTurn();
+    m_bStoppedInTurn = FALSE;
+    EndRun();
 }
 
 // What follows the last turn.
@@ -194,19 +230,13 @@ void CAVGUdtRecv::EndRun()
     RECV_LOG(LOG_LEVEL_ERROR, "Run", "CAVGUdtRecv:: run stop...");
 }
 
-// Is the caller, as far as can be told, called back by this receiver's own turn?
-bool CAVGUdtRecv::IsInsideTurn() const
-{
-    return IsOwnerDriven() ? m_bInTurn != FALSE : IsWorkerThread() != FALSE;
-}
-
-// Waits for a worker that was stopped from inside its turn. False: this is that turn.
+// Waits for a worker that was stopped from inside its turn, and for what another thread is at. False: this is that turn.
 bool CAVGUdtRecv::AwaitWorker()
 {
-    if (IsInsideTurn())
+    if (IsWorkerThread())
         return false;
     CAVGThreadModel::StopThread();
-    return true;
+    return tagOpenTurn(*this, AwaitTurn()).bOpened;
 }
 
 void CAVGUdtRecv::ResetStopCounters()

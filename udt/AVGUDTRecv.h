@@ -62,7 +62,8 @@ public:
     /**
      * One worker turn: take the intake, release what is due, ask for what is missing, count. An owner-driven
      * receiver is stepped with it, by one thread at a time; otherwise the worker calls it and nobody else. A call
-     * from inside a callback, or while another thread makes a turn, does nothing.
+     * from inside a callback, or while another thread makes a turn, does nothing. Start and Stop wait for a turn
+     * that another thread makes, as they wait for the worker.
      */
     void RunTurn();
 
@@ -87,10 +88,11 @@ private:
     void InitSpeed();
     void UninitSpeed();
     void EndRun();
+    struct tagOpenTurn;
     bool BeginTurn();
     void EndTurn();
     void FinishStop();
-    bool IsInsideTurn() const;
+    bool AwaitTurn();
     bool AwaitWorker();
     void ResetStopCounters();
     template <void (CAVGUdtRecv::*pfnStep)()>
@@ -280,6 +282,7 @@ private:
     const tagDataPacket* m_pstReleasing;  // [W] lent to the owner right now
     shared_boolean m_bInTurn;             // [F] 1: inside RunTurn
     shared_boolean m_bStoppedInTurn;      // [F] 1: stopped, and the end of the run is still to be written
+    shared_uint64 m_ullTurnThread;        // [F] who makes the open turn
 };
 
 #endif // AVGUDTRECV_H

@@ -25,6 +25,7 @@
 /// A word that one thread writes and others read without a lock.
 typedef CXPShared<uint32> shared_uint32;
 typedef CXPShared<boolean> shared_boolean; ///< likewise, a flag
+typedef CXPShared<uint64> shared_uint64;   ///< likewise
 
 // ---- Constants, ms unless said ---------------------------------------------------------------------------
 

@@ -7,6 +7,7 @@
 #include "xpmess.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -454,4 +455,227 @@ TEST(ThreadedRace, TwoThreadsMayStopAtOnce)
     EXPECT_EQ(log.Count("thread stop"), 1u);
     EXPECT_EQ(log.Count("run stop"), 1u);
     EXPECT_FALSE(recv.HasThread());
+}
+
+// Everything at once: four network threads, a control thread that calls whatever there is, one that reads statistics,
+// callbacks that call back in, and Start and Stop amid all of it. UDT_RACE_RESTARTS sets how often (10 with a thread of
+// its own, which takes 200 ms each; 200 owner-driven, where a thread of ours makes the turns).
+namespace
+{
+
+uint32 Restarts(uint32 dwElse)
+{
+    const char* const pszRestarts = getenv("UDT_RACE_RESTARTS");
+    return pszRestarts != nullptr ? (uint32)strtoul(pszRestarts, nullptr, 10) : dwElse;
+}
+
+class CWholeLoad
+{
+public:
+    CWholeLoad(CAVGUdtRecv& recv, CCountingOwner& owner, bool bTurns) : m_recv(recv)
+    {
+        owner.m_fnOnRelease = [this] { CallBackIn(m_dwReleases++); };
+        owner.m_fnOnRequest = [this] { CallBackIn(m_dwRequests++); };
+        for (uint32 dwThread = 0; dwThread < (uint32)c_nNetThreads; ++dwThread)
+            Begin([this, dwThread] { FeedOn(dwThread); });
+        Begin(
+            [this]
+            {
+                for (uint32 dwRound = 1; !m_bEnd; ++dwRound)
+                    Control(dwRound);
+            });
+        Begin(
+            [this]
+            {
+                while (!m_bEnd)
+                    Read();
+            });
+        if (bTurns)
+        {
+            Begin(
+                [this]
+                {
+                    while (!m_bEnd)
+                    {
+                        m_recv.RunTurn();
+                        std::this_thread::yield();
+                    }
+                });
+        }
+    }
+    ~CWholeLoad() { End(); }
+    void End()
+    {
+        m_bEnd = true;
+        for (std::thread& thread : m_vecThreads)
+        {
+            if (thread.joinable())
+                thread.join();
+        }
+    }
+
+private:
+    void Begin(const std::function<void()>& fn) { m_vecThreads.emplace_back(fn); }
+
+    void FeedOn(uint32 dwThread)
+    {
+        for (uint32 dwSeq = 1; !m_bEnd; ++dwSeq)
+        {
+            if (dwSeq % 13 == dwThread)
+                continue; // lost
+            const uint64 ullUin = 1 + (dwSeq / 100 + dwThread) % 4;
+            const uint32 dwMedia = 5000 + dwSeq * 5;
+            if (dwSeq % 2 == 0)
+                Feed(m_recv, AudioPacket(ullUin, dwSeq).At(dwMedia), dwSeq * 4 + dwThread);
+            else
+                Feed(m_recv,
+                     VideoPacket(ullUin, dwSeq, dwMedia, dwSeq % 30 == 1 ? def_FrameType_I : def_FrameType_P,
+                                 (uint8)(dwSeq / 30), (uint8)(dwSeq % 30)),
+                     dwSeq * 4 + dwThread);
+            if (dwSeq % 25 == 0)
+                xp_msleep(1);
+        }
+    }
+
+    void Control(uint32 dwRound)
+    {
+        tagUDTRecvParams params;
+        params.wTimelineDelta = (uint16)(50 + dwRound % 400);
+        params.wQueuePeriod = (uint16)(500 + dwRound % 900);
+        params.wUdtMode = (uint16)(dwRound / 16 % 2);
+        params.wPushGopNum = (uint16)(dwRound % 3);
+        params.wCalcRecvLossTime = (uint16)(1 + dwRound % 50);
+        m_recv.UDTSetRecvParams(params);
+        m_recv.UDTSetRecvRTT(dwRound % 500);
+        m_recv.UDTEnableReGetPkg((boolean)(dwRound % 8 != 0));
+        m_recv.SetRoomState(dwRound % 10 == 0 ? 1 : 3);
+        m_recv.SetRoomState(3);
+        if (dwRound % 5 == 0)
+            m_recv.ClearRecvChn(1 + dwRound % 4, dwRound % 2 ? MEAVAudio : MEAVMaxVideo);
+        if (dwRound % 50 == 0)
+            m_recv.ClearRecvChn(0, 0xFF);
+        xp_msleep(1);
+    }
+
+    void Read()
+    {
+        uint32 dw[4];
+        tagRecvInfo stInfo;
+        tagRecvChnStatInfo aInfo[16];
+        tagPlayoutInfo stPlayout;
+        m_recv.GetRecvInfo(stInfo);
+        const uint32 dwNum = m_recv.GetRecvChnInfo(aInfo, 16);
+        for (uint32 i = 1; i < dwNum; ++i)
+        {
+            EXPECT_TRUE(tagInPktKey(aInfo[i - 1].llAccount, (uint8)aInfo[i - 1].dwSubType) <
+                        tagInPktKey(aInfo[i].llAccount, (uint8)aInfo[i].dwSubType));
+        }
+        m_recv.GetPlayoutInfo(1, stPlayout);
+        m_recv.UDTCalcRecvLoss(dw[0], dw[1], dw[2], dw[3]);
+        m_recv.GetDownPacketRecvInfo(dw[0], dw[1], dw[2], dw[3]);
+        m_recv.HasThread();
+        std::this_thread::yield();
+    }
+
+    // On the thread of a turn.
+    void CallBackIn(uint32 dwCount)
+    {
+        if (dwCount % 7 == 0)
+            Read();
+        if (dwCount % 11 == 0)
+            Feed(m_recv, AudioPacket(9, dwCount + 1).At(5000 + dwCount * 20), 7 + dwCount);
+        if (dwCount % 500 == 499)
+            m_recv.Stop(); // somebody starts it again
+    }
+
+    CAVGUdtRecv& m_recv;
+    std::atomic<bool> m_bEnd{false};
+    std::atomic<uint32> m_dwReleases{0};
+    std::atomic<uint32> m_dwRequests{0};
+    std::vector<std::thread> m_vecThreads;
+};
+
+} // namespace
+
+TEST(ThreadedRace, TheWholeLoadAtOnceWithStartsAndStopsLeavesNothingBehind)
+{
+    for (const bool bOwnerDriven : {true, false})
+    {
+        const int nLiveBefore = CRigPacket::Live();
+        const uint32 dwRestarts = Restarts(bOwnerDriven ? 200 : 10);
+        CCountingOwner owner;
+        {
+            CAVGUdtRecv recv(&owner);
+            recv.SetOwnerDriven((boolean)bOwnerDriven);
+            recv.SetRoomState(3);
+            recv.Start();
+            CWholeLoad load(recv, owner, bOwnerDriven);
+            for (uint32 dwRun = 0; dwRun < dwRestarts; ++dwRun)
+            {
+                xp_msleep(dwRun % 4);
+                recv.Stop();
+                recv.Start();
+                recv.SetRoomState(3);
+            }
+            recv.Start();
+            const int nThen = owner.m_nReleases;
+            EXPECT_TRUE(Await(
+                [&]
+                {
+                    recv.Start(); // a callback may have stopped it
+                    return owner.m_nReleases > nThen;
+                }));
+            load.End();
+            recv.Stop();
+            EXPECT_EQ(CRigPacket::Live(), nLiveBefore); // before the receiver is gone
+            printf("%s: %u restarts, %d releases, %d requests\n", bOwnerDriven ? "owner-driven" : "threaded",
+                   dwRestarts, (int)owner.m_nReleases, (int)owner.m_nRequests);
+        }
+        EXPECT_FALSE(owner.m_bDead);
+        EXPECT_EQ(CRigPacket::Live(), nLiveBefore);
+    }
+}
+
+TEST(ThreadedRace, DestructionUnderLoadWaitsForTheTurnAndGivesEverythingBack)
+{
+    const uint32 dwTimes = Restarts(40) / 4;
+    for (uint32 dwTime = 0; dwTime < dwTimes; ++dwTime)
+    {
+        const int nLiveBefore = CRigPacket::Live();
+        CCountingOwner owner;
+        std::atomic<int> nInside{0};
+        owner.m_fnOnRelease = [&nInside]
+        {
+            ++nInside;
+            xp_msleep(1); // so that the end comes in the middle of a callback
+            --nInside;
+        };
+        {
+            CAVGUdtRecv recv(&owner);
+            recv.SetRoomState(3);
+            recv.Start();
+            std::atomic<bool> bEnd{false};
+            std::vector<std::thread> vecThreads;
+            for (uint32 dwThread = 0; dwThread < (uint32)c_nNetThreads; ++dwThread)
+            {
+                vecThreads.emplace_back(
+                    [&recv, &bEnd, dwThread]
+                    {
+                        for (uint32 dwSeq = 1; !bEnd; ++dwSeq)
+                        {
+                            Feed(recv, KeyFrame(1 + dwThread, dwSeq, 5000 + dwSeq), dwSeq);
+                            if (dwSeq % 20 == 0)
+                                xp_msleep(1);
+                        }
+                    });
+            }
+            EXPECT_TRUE(Await([&] { return owner.m_nReleases > 5; }));
+            // Nobody may call what is being destroyed. The buffers are full, and the worker is at it.
+            bEnd = true;
+            for (std::thread& thread : vecThreads)
+                thread.join();
+        }
+        EXPECT_EQ(nInside, 0);
+        EXPECT_EQ(CRigPacket::Live(), nLiveBefore);
+    }
 }
