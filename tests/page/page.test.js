@@ -1,10 +1,10 @@
 // Opens reports in a headless Chromium: what the JSON has is drawn, zoom and choices work, nothing is loaded from
 // anywhere, every layout fits its screen. Screenshots go to UDT_PAGE_OUT (out/page). With UDT_LAB naming the udtlab
-// program the reports are those of real runs too, and the demo's is the picture of the README.
+// program the pages are those of real runs too; the demo's is the README's picture, which UDT_PAGE_RENEW=1 writes.
 import assert from 'node:assert/strict';
 import {execFileSync} from 'node:child_process';
 import {createServer} from 'node:http';
-import {existsSync, mkdirSync, readFileSync, statSync, writeFileSync} from 'node:fs';
+import {copyFileSync, mkdirSync, readFileSync, statSync, writeFileSync} from 'node:fs';
 import path from 'node:path';
 import {after, before, test} from 'node:test';
 import {fileURLToPath, pathToFileURL} from 'node:url';
@@ -78,18 +78,20 @@ const drawn = page => page.evaluate(() => window.udtReport.plots.filter(card => 
 })));
 
 // What the report says must be drawn: for every series of a shown user's plots, points in exactly the bins that have values.
-function holdToReport(plots, report, users) {
-  const kinds = new Map([['arrivalDelay', 'delay'], ['playoutDelay', 'delay'], ['target', 'delay'], ['bufferMs', 'bufferMs'], ['bufferPackets', 'bufferPackets'],
+async function holdToReport(page, report) {
+  const plots = await drawn(page);
+  const shown = new Set(await page.evaluate(() => window.udtReport.model.users.filter(user => window.udtReport.state.shown.has(user.key)).map(user => user.ids[0])));
+  const kinds = new Map([['arrivalDelay', 'delay'], ['playoutDelay', 'delay'], ['target', 'delay'], ['latency', 'delay'], ['bufferMs', 'bufferMs'], ['bufferPackets', 'bufferPackets'],
     ['clockSpeed', 'clock'], ['avOffset', 'avOffset'], ['lost', 'loss'], ['unrepaired', 'loss'], ['requested', 'requests'], ['answered', 'requests'],
     ['requestsFailed', 'requests'], ['requestsWasted', 'requests'], ['gaps', 'gaps'], ['stallMs', 'stalls'], ['bytesIn', 'rate'], ['bytesOut', 'rate'],
     ['downlinkLoss', 'downlink'], ['liveStreams', 'live']]);
   const zeroIsNothing = new Set(['lost', 'unrepaired', 'requested', 'answered', 'requestsFailed', 'requestsWasted', 'gaps', 'stallMs']);
-  const ids = new Set(['run', ...report.users.filter((_, u) => u < users).flatMap(user => [user.id, ...report.streams.filter(stream => stream.user === user.id).map(stream => stream.id)])]);
+  const ids = new Set(['run', ...report.users.filter(user => shown.has(user.id)).flatMap(user => [user.id, ...report.streams.filter(stream => stream.user === user.id).map(stream => stream.id)])]);
   let held = 0;
   for (const series of report.series) {
     const plot = kinds.get(series.name);
     if (!plot || !ids.has(series.of) || !series.v.some(value => value !== null) || (zeroIsNothing.has(series.name) && !series.v.some(value => value))) continue;
-    if (series.name === 'target' && !plots.some(card => card.plot === 'delay' && card.lines.some(line => line.of.includes(series.of)))) continue;
+    if ((series.name === 'target' || series.name === 'latency') && !plots.some(card => card.plot === 'delay' && card.lines.some(line => line.of.includes(series.of)))) continue;
     const lines = plots.filter(card => card.plot === plot).flatMap(card => card.lines).filter(line => line.name === series.name && line.of.includes(series.of));
     assert.ok(lines.length > 0, `${series.name} of ${series.of} is drawn`);
     const same = lines.some(line => line.values.length >= series.v.length &&
@@ -133,7 +135,7 @@ test('every series of the report is drawn, with points where it has values', asy
   const page = await open(url);
   await scrollThrough(page);
   const plots = await drawn(page);
-  assert.ok(holdToReport(plots, report, 4) >= 29);
+  assert.ok(await holdToReport(page, report) >= 31);
   for (const card of plots) assert.equal(card.x.length, report.bins.count, card.title);
   const [lost] = plots.find(card => card.key.includes('|loss|')).lines.filter(line => line.name === 'lost');
   assert.deepEqual(lost.values, report.series.find(series => series.name === 'lost').v);
@@ -260,19 +262,21 @@ for (const [name, data] of Object.entries(CASES)) {
     const where = write(name, fillPage(data));
     const page = await open(where);
     await scrollThrough(page);
-    const held = holdToReport(await drawn(page), {users: [], streams: [], series: [], ...data}, 4);
+    const held = await holdToReport(page, {users: [], streams: [], series: [], ...data});
     assert.ok(held > 0 || name === 'nothing');
     await fits(page);
     await page.screenshot({path: path.join(OUT, name + '.png')});
 
-    await page.setViewportSize(PAPER);
-    await page.emulateMedia({media: 'print'});
-    await settled(page);
-    await fits(page);
-    assert.ok(await page.evaluate(() => window.udtReport.plots.every(card => card.u)), 'every plot is on paper, also those nobody scrolled to');
-    assert.ok(await page.evaluate(() => window.udtReport.plots.every(card => card.u.width <= card.root.clientWidth)), 'none is cut off');
-    assert.equal(await page.evaluate(() => getComputedStyle(document.documentElement).backgroundColor), 'rgb(255, 255, 255)');
-    await page.screenshot({path: path.join(OUT, name + '-print.png')});
+    if (name !== 'an-hour') { // nothing there that others do not have, and slow
+      await page.setViewportSize(PAPER);
+      await page.emulateMedia({media: 'print'});
+      await settled(page);
+      await fits(page);
+      assert.ok(await page.evaluate(() => window.udtReport.plots.every(card => card.u)), 'every plot is on paper, also those nobody scrolled to');
+      assert.ok(await page.evaluate(() => window.udtReport.plots.every(card => card.u.width <= card.root.clientWidth)), 'none is cut off');
+      assert.equal(await page.evaluate(() => getComputedStyle(document.documentElement).backgroundColor), 'rgb(255, 255, 255)');
+      await page.screenshot({path: path.join(OUT, name + '-print.png')});
+    }
     await page.finish();
 
     const phone = await open(where, {viewport: PHONE, touch: true, theme: 'dark'});
@@ -307,6 +311,47 @@ test('fifty users: a few are shown, the filter finds one, a box shows it, and pl
   assert.ok(most > 60 && most < 170, `${most} of 600 plots hold a canvas: those far away give theirs back`);
   await page.finish();
 });
+
+// What the program itself writes.
+const lab = (...command) => execFileSync(LAB, command, {cwd: ROOT, encoding: 'utf8', stdio: ['ignore', 'pipe', 'pipe']});
+const has = command => { try { return lab(command, '--help').includes('--html'); } catch (error) { return false; } };
+const without = LAB ? !has('replay') && 'this udtlab writes no pages' : 'UDT_LAB names no udtlab';
+const dataOf = file => JSON.parse(/<script type="application\/json" id="report-data">([^]*?)<\/script>/.exec(readFileSync(file, 'utf8'))[1]);
+
+const RUNS = {
+  demo: ['replay', 'data/rtp/h264-opus-rtx-lab-31s.pcapng'],
+  'train-outages': ['simulate', '--scenario', 'lab/scenarios/train-outages.json'],
+  'large-room': ['simulate', '--scenario', 'lab/scenarios/large-room-50.json'],
+};
+for (const [name, command] of Object.entries(RUNS)) {
+  test(`udtlab ${command.join(' ')}: its page shows what it found`, {skip: without}, async () => {
+    const file = path.join(OUT, `run-${name}.html`);
+    lab(...command, '--html', file);
+    assert.ok(statSync(file).size < 5e6, `${statSync(file).size} bytes`);
+    const data = dataOf(file);
+    const page = await open(pathToFileURL(file).href);
+    await scrollThrough(page);
+    assert.ok(await holdToReport(page, data) > 10);
+    assert.equal(await page.locator('.verdict li').count(), data.verdict.length);
+    assert.ok(data.verdict.length > 0 && data.tables.length > 0);
+    await fits(page);
+    await page.screenshot({path: path.join(OUT, `run-${name}.png`), fullPage: true});
+    if (name === 'demo') { // the README's picture
+      const picture = path.join(OUT, 'report.png');
+      await page.evaluate(() => scrollTo(0, 0));
+      await settled(page);
+      await page.screenshot({path: picture, clip: {x: 0, y: 0, width: 1280, height: 1180}, fullPage: true});
+      assert.ok(statSync(picture).size < 300e3, `${statSync(picture).size} bytes`);
+      if (process.env.UDT_PAGE_RENEW) copyFileSync(picture, path.join(ROOT, 'docs/images/report.png'));
+    }
+    await page.finish();
+    const phone = await open(pathToFileURL(file).href, {viewport: PHONE, touch: true, theme: 'dark'});
+    await scrollThrough(phone);
+    await fits(phone);
+    await phone.screenshot({path: path.join(OUT, `run-${name}-phone.png`)});
+    await phone.finish();
+  });
+}
 
 // What a move costs is printed, not judged: the machine may be busy.
 test('moving through the largest report draws only the plots that are near, each once per frame', async () => {
@@ -346,7 +391,7 @@ test('two runs lie over each other, and what changed is listed, the largest firs
   const plots = await drawn(page);
   for (const card of plots) assert.equal(card.x.length, 320, card.title); // bins of 200 ms, as the coarser run has
   const delay = plots.find(card => card.plot === 'delay');
-  assert.deepEqual(delay.lines.map(line => line.label).sort(), ['arrival A', 'arrival B', 'playout A', 'playout B', 'target A', 'target B']);
+  assert.deepEqual(delay.lines.map(line => line.label).sort(), ['arrival A', 'arrival B', 'clock behind the fastest packet A', 'clock behind the fastest packet B', 'playout A', 'playout B', 'target A', 'target B']);
   const sum = values => values.reduce((a, b) => a + (b || 0), 0);
   const lost = plots.find(card => card.plot === 'loss').lines.filter(line => line.name === 'lost');
   for (const line of lost) assert.equal(sum(line.values), sum(data.runs[line.r].series.find(series => series.name === 'lost').v), line.label);

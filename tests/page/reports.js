@@ -26,7 +26,7 @@ export function makeReport({users = 1, kinds = ['audio', 'video'], count = 600, 
       {level: 'note', text: '3 stalls over 200 ms, the longest 1.2 s at 0:41', t: Math.round(count * ms * 0.68), user: 'u0'},
       {level: 'good', text: 'sound and picture within 40 ms of each other', t: null, user: 'u0'}],
     tables: [{title: 'Streams', columns: [{name: '#', right: true}, {name: 'user'}, {name: 'kind'}, {name: 'packets', right: true}, {name: 'lost %', right: true}], rows: []}],
-    users: [], streams: [], bins: {ms, count}, series: [], events: [],
+    users: [], streams: [], totals: [], bins: {ms, count}, series: [], events: [],
   };
   const add = (of, series, v, lo, hi) => report.series.push({of, name: series, v, ...(lo ? {lo, hi} : {})});
   const round = value => value === null ? null : Math.round(value * 10) / 10;
@@ -41,6 +41,7 @@ export function makeReport({users = 1, kinds = ['audio', 'video'], count = 600, 
       return Math.round(base);
     });
     add(id, 'target', target);
+    add(id, 'latency', target.map(t => Math.round(t * 1.1)));
     add(id, 'bandMin', target.map(t => Math.round(t * 0.1)));
     add(id, 'bandMax', target.map(t => Math.round(t * 0.8)));
     add(id, 'clockSpeed', walk(count, i => i > count * 0.4 && i < count * 0.5 ? 1 : i > count * 0.7 && i < count * 0.72 ? -0.6 : 0));
@@ -73,7 +74,12 @@ export function makeReport({users = 1, kinds = ['audio', 'video'], count = 600, 
       add(of, 'requestsFailed', missed);
       add(of, 'requestsWasted', lost.map(n => n === null ? null : n > 2 && dice() < 0.3 ? 1 : 0));
       add(of, 'gaps', missed);
-      add(of, 'stallMs', walk(count, i => i === Math.floor(count * 0.68) ? 1200 : dice() < 0.004 * worse ? Math.round(80 + 200 * dice()) : 0, quiet));
+      const stalled = i => i >= Math.floor(count * 0.68) && (i - Math.floor(count * 0.68)) * ms < 1200;
+      add(of, 'stallMs', walk(count, i => stalled(i) ? Math.min(ms, 1200) : dice() < 0.004 * worse ? Math.round(ms * dice()) : 0, quiet));
+      const sum = series => report.series.find(entry => entry.of === of && entry.name === series).v.reduce((a, b) => a + (b || 0), 0);
+      report.totals.push({of, packetsIn: sum('packetsIn'), packetsOut: sum('packetsOut'), bytesIn: sum('bytesIn'), bytesOut: sum('bytesOut'), lost: sum('lost'),
+        unrepaired: sum('unrepaired'), requested: sum('requested'), answered: sum('answered'), requestsFailed: sum('requestsFailed'), requestsWasted: null,
+        gaps: sum('gaps'), stalls: 1, longestStallMs: 1200, stalledMs: sum('stallMs'), playoutDelayMean: 100 * worse + k});
       if (events) {
         report.events.push({t: 120 + 30 * k, of, kind: 'firstKeyFrame', ms: null, text: 'held back until the first I frame'});
         report.events.push({t: Math.round(count * ms * 0.68), of, kind: 'stall', ms: 1200, text: 'nothing released'});
@@ -128,6 +134,7 @@ export function holes() {
   report.series = report.series.filter(series => series.name !== 'bandMin' && series.name !== 'avOffset');
   delete report.tables;
   delete report.verdict;
+  delete report.totals;
   return report;
 }
 

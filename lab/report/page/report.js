@@ -49,10 +49,10 @@ const colour = name => getComputedStyle(document.documentElement).getPropertyVal
 
 // --- what is drawn ----------------------------------------------------------------------------------------------
 
-// How values of several bins become one: counts are added, the longest stall stays, the rest is a mean.
+// How values of several bins become one: counts and stalled time are added, the rest is a mean.
 const SUMMED = new Set(['packetsIn', 'packetsOut', 'bytesIn', 'bytesOut', 'lost', 'unrepaired', 'requested', 'answered',
-  'requestsFailed', 'requestsWasted', 'gaps']);
-const together = name => SUMMED.has(name) ? 'sum' : name === 'stallMs' ? 'max' : 'mean';
+  'requestsFailed', 'requestsWasted', 'gaps', 'stallMs']);
+const together = name => SUMMED.has(name) ? 'sum' : 'mean';
 
 const STREAM_COLOURS = {audio: ['blue', 'green', 'sky'], video: ['verm', 'amber', 'purple', 'grey']};
 
@@ -62,7 +62,8 @@ const PLOTS = [
   {id: 'delay', per: 'stream', title: 'Delay', unit: 'ms', height: 190, band: true, decimals: 0, lines: [
     {name: 'arrivalDelay', label: 'arrival', colour: 'blue', spread: true},
     {name: 'playoutDelay', label: 'playout', colour: 'verm', spread: true},
-    {name: 'target', of: 'user', label: 'target', colour: 'purple', shape: 'step', width: 1.75}]},
+    {name: 'target', of: 'user', label: 'target', colour: 'purple', shape: 'step', width: 1.75},
+    {name: 'latency', of: 'user', label: 'clock behind the fastest packet', colour: 'green', width: 1}]},
   {id: 'bufferMs', per: 'user', title: 'Buffer depth', unit: 'ms', decimals: 0, lines: [{name: 'bufferMs'}]},
   {id: 'bufferPackets', per: 'user', title: 'Buffer depth', unit: 'packets', decimals: 0, lines: [{name: 'bufferPackets'}]},
   {id: 'clock', per: 'user', title: 'Playout clock', unit: 'speed', height: 120, clock: true, lines: [
@@ -78,7 +79,7 @@ const PLOTS = [
     {name: 'requestsFailed', label: 'failed', colour: 'verm', shape: 'bars', down: true},
     {name: 'requestsWasted', label: 'wasted', colour: 'amber', shape: 'bars', down: true}]},
   {id: 'gaps', per: 'user', title: 'Gaps at release', unit: 'packets', count: true, height: 120, lines: [{name: 'gaps', shape: 'bars'}]},
-  {id: 'stalls', per: 'user', title: 'Stalls', note: 'longest in the bin', unit: 'ms', height: 120, decimals: 0, lines: [{name: 'stallMs', shape: 'bars'}]},
+  {id: 'stalls', per: 'user', title: 'Stalls', note: 'time without a release', unit: 'ms', binned: true, height: 120, decimals: 0, lines: [{name: 'stallMs', shape: 'bars'}]},
   {id: 'rate', per: 'stream', title: 'Bit rate', unit: 'kbit/s', rate: true, lines: [
     {name: 'bytesIn', label: 'in', colour: 'sky', shape: 'step', fill: true},
     {name: 'bytesOut', label: 'out', colour: 'verm', shape: 'step'}]},
@@ -91,7 +92,7 @@ const RUN_PLOTS = [
 ];
 
 // Events in three classes; the sign at the top of a mark tells them apart without colour.
-const TROUBLE = new Set(['clear', 'pullBack', 'jump', 'stall', 'restart', 'gap', 'timeout', 'reset']);
+const TROUBLE = new Set(['clear', 'pullBack', 'jump', 'stall', 'restart', 'expired']);
 const eventClass = kind => TROUBLE.has(kind) ? 'trouble' : /key|first/i.test(kind) ? 'start' : 'state';
 const EVENT_COLOURS = {trouble: 'verm', start: 'green', state: 'purple'};
 const EVENT_SIGNS = {trouble: '▼', start: '●', state: '◆'};
@@ -105,7 +106,7 @@ const FIGURES = [
   {name: 'requestsFailed', label: 'requests failed', unit: 'packets', how: 'sum', worse: 1, scale: 5},
   {name: 'requestsWasted', label: 'requests wasted', unit: 'packets', how: 'sum', worse: 1, scale: 5},
   {name: 'gaps', label: 'gaps at release', unit: 'packets', how: 'sum', worse: 1, scale: 5},
-  {name: 'stallMs', label: 'longest stall', unit: 'ms', how: 'max', worse: 1, scale: 50},
+  {name: 'longestStallMs', label: 'longest stall', unit: 'ms', how: 'max', worse: 1, scale: 50},
   {name: 'stallMs', label: 'time stalled', unit: 'ms', how: 'sum', worse: 1, scale: 200},
   {name: 'arrivalDelay', label: 'arrival delay, mean', unit: 'ms', how: 'mean', worse: 1, scale: 10},
   {name: 'playoutDelay', label: 'playout delay, mean', unit: 'ms', how: 'mean', worse: 1, scale: 10},
@@ -120,6 +121,9 @@ const FIGURES = [
 ];
 
 // --- the data ---------------------------------------------------------------------------------------------------
+
+// Names of a report's totals where they differ from those of the series.
+const TOTALS = {stallMs: 'stalledMs', playoutDelay: 'playoutDelayMean'};
 
 // One run as the rest wants it, whatever is missing in the file.
 function readRun(report) {
@@ -144,7 +148,7 @@ function readRun(report) {
     title: text(run.title) || 'run', kind: text(run.kind), program: text(run.program), durationMs: isNumber(run.durationMs) ? run.durationMs : null,
     startUnixMs: isNumber(run.startUnixMs) ? run.startUnixMs : null,
     options: array(run.options).map(pair => [text(array(pair)[0]), text(array(pair)[1])]),
-    verdict: array(report.verdict), tables: array(report.tables),
+    verdict: array(report.verdict), tables: array(report.tables), totals: new Map(array(report.totals).map(total => [total.of, total])),
     events: array(report.events).filter(event => isNumber(event.t)).sort((a, b) => a.t - b.t),
   };
 }
@@ -250,9 +254,15 @@ class Model {
     return out;
   }
 
-  // A figure of a whole run, from the bins as they were recorded; null when nothing is known.
+  // A figure of a whole run, as the report has it or else from the bins; null when nothing is known.
   total(r, of, name, how) {
     const run = this.runs[r];
+    const known = (run.totals.get(of) || {})[TOTALS[name] || name];
+    if (isNumber(known)) return known;
+    if (name === 'longestStallMs') {
+      const stalls = run.events.filter(event => event.of === of && event.kind === 'stall' && isNumber(event.ms)).map(event => event.ms);
+      return stalls.length ? Math.max(...stalls) : run.series.has(of) && run.series.get(of).has('stallMs') ? 0 : null;
+    }
     const raw = of !== undefined && run.series.has(of) ? run.series.get(of).get(name) : undefined;
     return raw ? summary(how === 'meanAbs' ? raw.v.map(value => isNumber(value) ? Math.abs(value) : null) : raw.v, how === 'meanAbs' ? 'mean' : how) : null;
   }
@@ -335,7 +345,7 @@ function makeSpec(plot, user, streams) {
   const stream = plot.per === 'stream' ? streams[0] : null;
   const title = plot.title + (stream ? ' · ' + stream.label : '');
   if (!something) return {empty: nothing, title: title.toLowerCase()};
-  const per = plot.count ? ' per ' + (model.ms >= 1000 ? number(model.ms / 1000) + ' s' : model.ms + ' ms') : '';
+  const per = plot.count || plot.binned ? ' per ' + (model.ms >= 1000 ? number(model.ms / 1000) + ' s' : model.ms + ' ms') : '';
   return {
     key: (user ? user.key : '') + '|' + plot.id + (stream ? '|' + stream.key : ''), plot, title, per, height: plot.height || 150,
     lines, bands, user, streams: streams || [],
@@ -437,7 +447,7 @@ class Card {
     const {spec} = this;
     const {data, series, bands} = this.build();
     const ink = colour('soft'), grid = {stroke: colour('grid'), width: 1};
-    const font = '12px ' + getComputedStyle(document.body).fontFamily;
+    const font = (state.printing ? '10px ' : '12px ') + getComputedStyle(document.body).fontFamily;
     const whole = spec.plot.count || spec.plot.decimals === 0;
     this.u = new uPlot({
       width: Math.max(this.host.clientWidth, 120), height: spec.height, series, bands, legend: {show: false}, padding: [10, 24, 0, 0],
@@ -454,7 +464,7 @@ class Card {
             : this.axisText(splits)},
       ],
       cursor: {
-        y: false, points: {size: 6, width: 1},
+        y: false, points: {size: (u, index) => this.points.some(([own]) => own === index) ? 6 : 0, width: 1},
         drag: {x: true, y: false, setScale: false, dist: 4},
         sync: {key: 'time', scales: ['x', null], filters: {pub: type => type === 'mousemove' || type === 'mouseleave', sub: () => this.near}},
         bind: {
@@ -580,7 +590,7 @@ class Card {
       } else {
         const v = summary(line.v, line.how, i0, i1);
         out = v === null ? '–' : plot.clock ? clockShare(line.v, i0, i1)
-          : (line.how === 'sum' ? 'total ' : line.how === 'max' ? 'longest ' : 'mean ') + number(v, decimals) + unit;
+          : (line.how === 'sum' ? 'total ' : 'mean ') + number(v, decimals) + unit;
       }
       if (value.textContent !== out) value.textContent = out;
     }
@@ -980,7 +990,7 @@ function changes() {
 }
 
 // Users with what went wrong for them; the boxes choose what is drawn.
-const COLUMNS = [['lost', 'sum', 'lost'], ['unrepaired', 'sum', 'never played'], ['stallMs', 'max', 'longest stall, ms'], ['playoutDelay', 'mean', 'playout delay, ms']];
+const COLUMNS = [['lost', 'sum', 'lost'], ['unrepaired', 'sum', 'never played'], ['longestStallMs', 'max', 'longest stall, ms'], ['playoutDelay', 'mean', 'playout delay, ms']];
 function renderChooser() {
   const {model} = state;
   if (!model.users.length) return parts.chooser.replaceChildren();
@@ -1065,6 +1075,7 @@ function renderUsers() {
       node.key = key;
     }
     const grid = node.children[1];
+    grid.classList.toggle('alone', !!user && user.streams.filter(isStreamShown).length === 1);
     const keys = new Set(specs.map(spec => spec.key));
     for (const root of [...grid.children]) if (!keys.has(root.card.key)) root.card.remove();
     inOrder(grid, specs.map(spec => {
