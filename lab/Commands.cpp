@@ -4,6 +4,8 @@
 #include "MatrixCommand.h"
 #include "Replay.h"
 #include "ReplayReport.h"
+#include "ReportCommand.h"
+#include "ReportFiles.h"
 #include "SimCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -27,6 +29,7 @@ struct tagReplayArgs
     tagReplayOptions st;
     std::string strJson;
     std::string strStats;
+    tagReportFiles stFiles;
     std::string strMode = "default";
     std::vector<std::string> vecMaps;
 };
@@ -41,6 +44,8 @@ void AddReplay(CLI::App& app, tagReplayArgs& args)
     p->add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
         ->type_name("FILE");
     p->add_option("--stats", args.strStats, c_pszStatsHelp)->type_name("FILE");
+    p->add_option("--html", args.stFiles.strHtml, c_pszHtmlHelp)->type_name("FILE");
+    p->add_option("--report", args.stFiles.strReport, c_pszReportHelp)->type_name("FILE");
     p->add_option("--out", args.st.strOut, "write what was played, when it was played, as pcap")
         ->type_name("FILE");
     p->add_option("--mode", args.strMode, "the receiver's mode: default or low-latency")
@@ -73,17 +78,6 @@ bool WriteJson(const std::string& strPath, const tagReplayResult& stResult, std:
     return WriteText(strPath, strText, strError);
 }
 
-// An output that would overwrite an input is a slip of the hand that costs the input.
-bool SameFile(const std::string& strA, const std::string& strB)
-{
-    char* pszA = realpath(strA.c_str(), nullptr);
-    char* pszB = realpath(strB.c_str(), nullptr);
-    const bool bSame = pszA && pszB && strcmp(pszA, pszB) == 0;
-    free(pszA);
-    free(pszB);
-    return bSame;
-}
-
 int Replay(tagReplayArgs& args)
 {
     std::string strError;
@@ -91,16 +85,20 @@ int Replay(tagReplayArgs& args)
         if (!ParseRtpMap(strMap, args.st.mapFormats, strError))
             return Complain(fmt::format("--map {}: {}", strMap, strError));
     for (const std::string& strCapture : args.st.vecCaptures)
-        for (const std::string& strFile : {args.st.strOut, args.strJson, args.strStats})
+        for (const std::string& strFile :
+             {args.st.strOut, args.strJson, args.strStats, args.stFiles.strReport, args.stFiles.strHtml})
             if (SameFile(strCapture, strFile))
                 return Complain(fmt::format("{}: is a capture to be read, it is not overwritten", strFile));
     args.st.bLowLatency = args.strMode == "low-latency";
     args.st.bProgress = args.st.nLogLevel == 0;
     args.st.fnLog = [](const std::string& strLine) { fmt::print(stderr, "{}\n", strLine); };
 
+    CRunSeries series;
+    if (args.stFiles.Wanted())
+        args.st.pSeries = &series;
     const tagReplayResult stResult = RunReplay(args.st);
 
-    const bool bJsonOnly = args.strJson == "-";
+    const bool bJsonOnly = args.strJson == "-" || args.stFiles.ToStdout();
     if (stResult.bPlayed && !bJsonOnly)
     {
         const bool bColours = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
@@ -119,6 +117,9 @@ int Replay(tagReplayArgs& args)
     if (stResult.bPlayed && !args.strStats.empty() &&
         !WriteText(args.strStats, StatsText(args.strStats, stResult.stStats), strError))
         nExit = std::max(nExit, Complain(strError));
+    if (stResult.bPlayed && args.stFiles.Wanted() &&
+        !WriteReport(args.stFiles, ReplayRunReport(stResult, series), strError))
+        nExit = std::max(nExit, Complain(strError));
     if (stResult.ullBroken)
         fmt::print(stderr, "udtlab: {} checks of the receiver's behaviour were broken; the first: {}\n",
                    stResult.ullBroken, stResult.vecViolations.front());
@@ -135,6 +136,7 @@ int Main(int argc, char** argv)
     AddReplay(app, replay);
     CSimCommand simulate(app);
     CMatrixCommand matrix(app);
+    CReportCommand report(app);
     try
     {
         app.parse(argc, argv);
@@ -144,6 +146,8 @@ int Main(int argc, char** argv)
             return simulate.Run();
         if (app.got_subcommand("matrix"))
             return matrix.Run();
+        if (app.got_subcommand("report"))
+            return report.Run();
     }
     catch (const CLI::ParseError& e)
     {
@@ -151,8 +155,9 @@ int Main(int argc, char** argv)
             return app.exit(e);
         // A word that is no command is reported as if nothing had been asked for.
         if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty())
-            return Complain(fmt::format("\"{}\" is not a command (expected: replay, simulate or matrix)",
-                                        Printable(argv[1], 40)));
+            return Complain(
+                fmt::format("\"{}\" is not a command (expected: replay, simulate, matrix or report)",
+                            Printable(argv[1], 40)));
         return Complain(e.what());
     }
     catch (const std::exception& e)

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace lab
@@ -35,6 +36,26 @@ std::string StatsText(const std::string& strPath, const tagUdtStats& stStats)
     const std::string strKind = nDot == std::string::npos ? "" : strPath.substr(nDot);
     return strKind == ".prom" || strKind == ".om" ? UdtStatsOpenMetrics(stStats)
                                                   : UdtStatsJson(stStats) + "\n";
+}
+
+bool SameFile(const std::string& strA, const std::string& strB)
+{
+    char* pszA = realpath(strA.c_str(), nullptr);
+    char* pszB = realpath(strB.c_str(), nullptr);
+    const bool bSame = pszA && pszB && strcmp(pszA, pszB) == 0;
+    free(pszA);
+    free(pszB);
+    return bSame;
+}
+
+std::string Printable(const std::string& strText, size_t nMax)
+{
+    std::string str;
+    for (const char c : strText)
+        str += (unsigned char)c < 0x20 || (unsigned char)c > 0x7E ? '?' : c;
+    if (str.size() > nMax)
+        str = str.substr(0, nMax - 2) + "..";
+    return str;
 }
 
 std::string FolderOf(const std::string& strPath)

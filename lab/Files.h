@@ -22,6 +22,12 @@ std::string StatsText(const std::string& strPath, const tagUdtStats& stStats);
 constexpr const char* c_pszStatsHelp =
     "write the receiver's statistics: OpenMetrics text for a FILE that ends in .prom or .om, else JSON";
 
+// An output that would overwrite an input is a slip of the hand that costs the input.
+bool SameFile(const std::string& strA, const std::string& strB);
+
+// For a terminal: control characters replaced, cut to so many characters.
+std::string Printable(const std::string& strText, size_t nMax);
+
 // The folder of a path, without the last slash; empty where there is none.
 std::string FolderOf(const std::string& strPath);
 

@@ -1,12 +1,15 @@
 #include "LabRun.h"
 
+#include "RunSeries.h"
+
 #include <cstring>
 
 namespace lab
 {
 
 CLabRun::CLabRun(const tagRunOptions& stOptions, IRunObserver& observer)
-    : m_ullStartTick(stOptions.ullStartTick), m_observer(observer), m_clock(stOptions.ullStartTick),
+    : m_ullStartTick(stOptions.ullStartTick), m_observer(observer), m_pSeries(stOptions.pSeries),
+      m_clock(stOptions.ullStartTick),
       m_tap(
           stOptions.nLogLevel,
           [this, nLevel = stOptions.nLogLevel](UDT_LOG_LEVEL eLevel, const char* pszFunc, const char* pszText)
@@ -14,12 +17,16 @@ CLabRun::CLabRun(const tagRunOptions& stOptions, IRunObserver& observer)
               m_checks.LogLine(pszText);
               if (strcmp(pszFunc, "PrintStatInfo") == 0)
                   m_vecEndReport.push_back(pszText);
+              if (m_pSeries)
+                  m_pSeries->LogLine(eLevel, pszFunc, pszText, m_clock.Tick());
               if ((int)eLevel <= nLevel)
                   m_observer.OnLogLine(eLevel, pszFunc, pszText, MsSinceStart((uint32)m_clock.Tick()));
           }),
       m_collector(static_cast<IUDTRecvEventCallBack*>(this)),
       m_pRecv(std::make_unique<CAVGUdtRecv>(&m_collector))
 {
+    if (m_pSeries)
+        m_pSeries->Begin(m_ullStartTick);
     m_collector.SetForgetAfter(0); // a run ends
     m_collector.Attach(m_pRecv.get());
     m_checks.SetStartTick((uint32)m_ullStartTick);
@@ -54,6 +61,17 @@ void CLabRun::Feed(CMediaPacket* pPacket, int64 llTimeUs)
     CScopePtr<UDTCodecBaseDecode_V2> pHeld(pPacket);
     m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
     m_checks.Fed(*pPacket, (uint32)m_clock.Tick());
+    if (m_pSeries)
+    {
+        tagSeriesPacket st;
+        st.ullAccount = pPacket->u64Uin;
+        st.cSubType = pPacket->m_cSubType;
+        st.dwSeq = pPacket->dwSenderSeq;
+        st.dwMediaMs = pPacket->Head().uTimeStamp;
+        st.dwBytes = pPacket->wLen;
+        st.bRetransmitted = pPacket->m_stArrival.bRetransmitted;
+        m_pSeries->PacketIn(st, m_clock.Tick());
+    }
     m_collector.UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
                                   pPacket->m_cSubType, pPacket, pPacket->m_stArrival);
 }
@@ -65,6 +83,8 @@ void CLabRun::Turn(int64 llTimeUs)
     m_playout.TurnBegins();
     m_pRecv->RunTurn();
     m_checks.TurnEnds();
+    if (m_pSeries && m_pSeries->SampleDue(m_clock.Tick()))
+        m_pSeries->Sample(*m_pRecv, m_clock.Tick(), true);
 }
 
 void CLabRun::Stop()
@@ -77,6 +97,8 @@ void CLabRun::Stop()
     m_collector.Attach(nullptr);
     m_pRecv.reset();
     m_checks.Finish();
+    if (m_pSeries)
+        m_pSeries->Finish();
 }
 
 void CLabRun::Snapshot(tagUdtStats& stStats)
@@ -95,6 +117,11 @@ void CLabRun::PollDownlink()
     uint32 dwIFrmLostInfo = 0;
     m_pRecv->GetDownPacketRecvInfo(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
     m_collector.DownlinkPolled(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
+    if (!m_pSeries)
+        return;
+    tagRecvInfo stInfo;
+    m_pRecv->GetRecvInfo(stInfo);
+    m_pSeries->Downlink(stInfo.dwCurLossRate, m_clock.Tick());
 }
 
 uint32 CLabRun::LiveStreams()
@@ -110,6 +137,8 @@ void CLabRun::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
     m_checks.Released(packet);
     *pnDelay = m_observer.OnReleased(packet, (uint32)m_clock.Tick());
     m_playout.Released(*m_pRecv, packet, *pnDelay);
+    if (m_pSeries)
+        m_pSeries->PacketOut(*m_pRecv->GetReleasing(), *pnDelay, m_clock.Tick());
 }
 
 int CLabRun::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uint32, uint32)
@@ -119,6 +148,8 @@ int CLabRun::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uin
     const tagReplyData* pReply = reinterpret_cast<const tagReplyData*>(pBuffer);
     m_playout.Requested(*m_pRecv, pReply, nBufSize, (uint32)m_clock.Tick());
     m_observer.OnLossRequest(pReply, nBufSize, (uint32)m_clock.Tick());
+    if (m_pSeries)
+        m_pSeries->Requested(pReply, nBufSize, m_clock.Tick());
     return 0;
 }
 

@@ -18,6 +18,8 @@
 namespace lab
 {
 
+class CRunSeries;
+
 // What a run tells whoever counts it.
 class IRunObserver
 {
@@ -40,6 +42,7 @@ struct tagRunOptions
     uint64 ullStartTick = 1000000; // of the virtual clock
     bool bLowLatency = false;
     int nLogLevel = LOG_LEVEL_ERROR; // lines up to this level reach the observer
+    CRunSeries* pSeries = nullptr;   // is told what happens, for a report
 };
 
 // Drives a receiver without a thread. Times are microseconds since the run began; the clock stands at the
@@ -93,6 +96,7 @@ private:
 
     const uint64 m_ullStartTick;
     IRunObserver& m_observer;
+    CRunSeries* const m_pSeries;
     CRunChecks m_checks;
     CPlayoutChecks m_playout{[this](const std::string& strWhat) { m_checks.Report(strWhat); }};
     std::vector<std::string> m_vecEndReport;

@@ -342,6 +342,7 @@ tagReplayResult RunReplay(const tagReplayOptions& stOptions)
         tagRunOptions stRun;
         stRun.bLowLatency = stOptions.bLowLatency;
         stRun.nLogLevel = stOptions.nLogLevel;
+        stRun.pSeries = stOptions.pSeries;
         CLabRun run(stRun, counts);
         counts.Begin(run);
         counts.SetStartUs(source.StartUs());

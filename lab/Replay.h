@@ -16,6 +16,8 @@
 namespace lab
 {
 
+class CRunSeries;
+
 struct tagReplayOptions
 {
     std::vector<std::string> vecCaptures;
@@ -26,6 +28,7 @@ struct tagReplayOptions
     double dSpeed = 0;       // times real time; 0: as fast as it goes
     std::map<uint8, tagRtpFormat> mapFormats;
     std::function<void(const std::string& strLine)> fnLog;
+    CRunSeries* pSeries = nullptr; // is told what happens, for a report
     bool bProgress = false;
     bool bEndReport = false; // show the receiver's own end report
 };

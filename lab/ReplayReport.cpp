@@ -1,5 +1,9 @@
 #include "ReplayReport.h"
 
+#include "Files.h"
+#include "ReportTable.h"
+#include "Verdict.h"
+
 #include <fmt/format.h>
 
 #include <cmath>
@@ -12,6 +16,7 @@ namespace
 {
 
 constexpr size_t c_nNameWidth = 21;
+constexpr uint64 c_ullFirstDateUs = 86400 * 1000000ull; // below it a capture counts from 0
 
 struct tagPaint
 {
@@ -70,7 +75,7 @@ std::string StreamUser(const tagRtpStreamInfo& stInfo)
 // "2026-11-21 01:05:35.123456 UTC, "; nothing for a capture that counts from 0.
 std::string TimeText(uint64 ullUs)
 {
-    if (ullUs < 86400 * 1000000ull)
+    if (ullUs < c_ullFirstDateUs)
         return "";
     const time_t t = (time_t)(ullUs / 1000000);
     struct tm stTm = {};
@@ -177,6 +182,81 @@ void RequestTable(std::string& str, const tagReplayResult& stResult, const tagPa
             Asked(st), st.stStats.packetsRequested.value_or(0),
             st.stStats.requestedPacketsReceived.value_or(0), st.ullNackedPackets, st.ullAskedByBoth, strLead);
     }
+}
+
+// ---- The same tables for the page ----
+
+std::string Cell(uint64 ull) { return fmt::format("{}", ull); }
+
+std::string DelayCell(const CMsHistogram& h, uint32 uMs) { return h.Count() ? Cell(uMs) : "-"; }
+
+void AddCaptureTable(nlohmann::ordered_json& jTables, const tagReplayResult& stResult)
+{
+    CReportTable table("Captured",
+                       {">#", "media", "codec/clock", "SSRC", "from", ">packets", ">unique", ">lost",
+                        ">lost %", ">reordered", ">duplicates", ">repaired", ">jitter, ms"});
+    for (size_t i = 0; i < stResult.vecStreams.size(); i++)
+    {
+        const tagRtpStreamInfo& st = stResult.vecStreams[i].stInfo;
+        const tagRtpStat& stat = st.stStat;
+        table.Row({Cell(i), KindName(st.stFormat.eKind), CodecText(st), fmt::format("{:08x}", st.dwSsrc),
+                   st.stSrc.Text(), Cell(stat.ullPackets), Cell(stat.ullUnique), Cell(stat.ullLost),
+                   Percent(stat.ullLost, stat.ullExpected), Cell(stat.ullReordered), Cell(stat.ullDuplicates),
+                   st.stFormat.eKind == RTP_KIND_RTX ? "-" : Cell(st.ullRtxRepaired),
+                   fmt::format("{:.1f}", stat.dJitterMs)});
+    }
+    table.AddTo(jTables);
+}
+
+void AddPlayedTable(nlohmann::ordered_json& jTables, const tagReplayResult& stResult)
+{
+    CReportTable table("Played", {">#", "user", "media", ">played", ">late", ">skipped", ">cleared", ">left",
+                                  ">delay min, ms", ">median", ">p95", ">max", ">first out, s"});
+    for (size_t i = 0; i < stResult.vecStreams.size(); i++)
+    {
+        const tagStreamResult& st = stResult.vecStreams[i];
+        if (!st.bFed)
+            continue;
+        table.Row({Cell(i), StreamUser(st.stInfo), KindName(st.stInfo.stFormat.eKind),
+                   Cell(st.stPackets.ullPlayed), Cell(st.stPackets.ullLate), Cell(st.stPackets.ullSkipped),
+                   Cell(st.stPackets.ullCleared), Cell(st.stPackets.ullLeft),
+                   DelayCell(st.delay, st.delay.Min()), DelayCell(st.delay, st.delay.Quantile(0.5)),
+                   DelayCell(st.delay, st.delay.Quantile(0.95)), DelayCell(st.delay, st.delay.Max()),
+                   st.bPlayed ? fmt::format("{:.3f}", st.dwFirstOutMs / 1000.0) : "-"});
+    }
+    table.AddTo(jTables);
+}
+
+void AddRequestTable(nlohmann::ordered_json& jTables, const tagReplayResult& stResult)
+{
+    CReportTable table("Loss requests", {">#", "user", "media", ">packets asked", ">requests", ">came",
+                                         ">NACKed then", ">both", ">ours earlier, ms"});
+    for (size_t i = 0; i < stResult.vecStreams.size(); i++)
+    {
+        const tagStreamResult& st = stResult.vecStreams[i];
+        if (Asked(st) == 0 && st.ullNackedPackets == 0)
+            continue;
+        table.Row({Cell(i), StreamUser(st.stInfo), KindName(st.stInfo.stFormat.eKind), Cell(Asked(st)),
+                   Cell(st.stStats.packetsRequested.value_or(0)),
+                   Cell(st.stStats.requestedPacketsReceived.value_or(0)), Cell(st.ullNackedPackets),
+                   Cell(st.ullAskedByBoth),
+                   st.ullAskedByBoth
+                       ? fmt::format("{:+.0f}", (double)st.llLeadSumMs / (double)st.ullAskedByBoth)
+                       : "-"});
+    }
+    table.AddTo(jTables);
+}
+
+void AddUserTable(nlohmann::ordered_json& jTables, const tagReplayResult& stResult)
+{
+    CReportTable table("Picture against sound, ms", {"user", ">frames", ">mean", ">median", ">p95", ">max"});
+    for (const tagUserResult& stUser : stResult.vecUsers)
+        if (stUser.avOffset.Count() != 0)
+            table.Row({stUser.strName, Cell(stUser.avOffset.Count()),
+                       fmt::format("{:+.0f}", (double)stUser.llAvSumMs / (double)stUser.avOffset.Count()),
+                       Cell(stUser.avOffset.Quantile(0.5)), Cell(stUser.avOffset.Quantile(0.95)),
+                       Cell(stUser.avOffset.Max())});
+    table.AddTo(jTables);
 }
 
 // What a reader of the tables should know besides.
@@ -310,16 +390,6 @@ nlohmann::ordered_json StreamJson(size_t n, const tagStreamResult& st)
 
 } // namespace
 
-std::string Printable(const std::string& strText, size_t nMax)
-{
-    std::string str;
-    for (const char c : strText)
-        str += (unsigned char)c < 0x20 || (unsigned char)c > 0x7E ? '?' : c;
-    if (str.size() > nMax)
-        str = str.substr(0, nMax - 2) + "..";
-    return str;
-}
-
 std::string ReplayTable(const tagReplayResult& stResult, bool bColours)
 {
     const tagPaint paint{bColours};
@@ -358,6 +428,29 @@ std::string ReplayTable(const tagReplayResult& stResult, bool bColours)
         str += paint.Bad(fmt::format("checks: {} broken", stResult.ullBroken)) + "\n";
     }
     return str;
+}
+
+nlohmann::ordered_json ReplayRunReport(const tagReplayResult& stResult, CRunSeries& series)
+{
+    tagSeriesRun stRun;
+    stRun.strKind = "replay";
+    for (const std::string& strPath : stResult.stOptions.vecCaptures)
+        stRun.strTitle += (stRun.strTitle.empty() ? "" : ", ") + strPath.substr(strPath.rfind('/') + 1);
+    if (stResult.ullStartUs >= c_ullFirstDateUs)
+        stRun.ullStartUnixMs = stResult.ullStartUs / 1000;
+    stRun.vecOptions = {{"mode", stResult.stOptions.bLowLatency ? "low-latency" : "default"},
+                        {"play delay, ms", fmt::format("{}", stResult.stOptions.uPlayDelayMs)}};
+    series.SetRun(stRun);
+    for (const tagUserResult& stUser : stResult.vecUsers)
+        series.NameUser(stUser.llAccount, stUser.strName);
+    nlohmann::ordered_json j = series.Json();
+    AddCaptureTable(j["tables"], stResult);
+    AddPlayedTable(j["tables"], stResult);
+    AddRequestTable(j["tables"], stResult);
+    AddUserTable(j["tables"], stResult);
+    if (stResult.ullBroken != 0)
+        AddBrokenChecks(j, stResult.ullBroken, stResult.vecViolations);
+    return j;
 }
 
 nlohmann::ordered_json ReplayJson(const tagReplayResult& stResult)

@@ -3,6 +3,7 @@
 #define LAB_REPLAYREPORT_H
 
 #include "Replay.h"
+#include "RunSeries.h"
 
 #include <nlohmann/json.hpp>
 
@@ -17,8 +18,8 @@ std::string ReplayTable(const tagReplayResult& stResult, bool bColours);
 // The same and more under stable names, in a stable order.
 nlohmann::ordered_json ReplayJson(const tagReplayResult& stResult);
 
-// For a terminal: control characters replaced, cut to so many characters.
-std::string Printable(const std::string& strText, size_t nMax);
+// The run over time as a report, with the tables above. The series are named and closed by it.
+nlohmann::ordered_json ReplayRunReport(const tagReplayResult& stResult, CRunSeries& series);
 
 } // namespace lab
 

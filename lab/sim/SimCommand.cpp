@@ -5,6 +5,7 @@
 
 #include "Files.h"
 #include "Progress.h"
+#include "ReportFiles.h"
 #include "SimReport.h"
 #include "Simulate.h"
 
@@ -110,6 +111,7 @@ struct CSimCommand::tagArgs
     std::vector<std::string> vecSet;
     std::string strJson;
     std::string strStats;
+    tagReportFiles stFiles;
     int nLogLevel = 0;
     bool bSpeed = false;
     bool bStreams = false;
@@ -126,6 +128,8 @@ struct CSimCommand::tagArgs
                               ->type_name(st.pszUnit)
                               ->group(strGroup);
     }
+    // What was set on the command line, for the head of a report.
+    std::vector<std::pair<std::string, std::string>> Given() const;
     bool MakeScenario(tagScenario& stScenario, nlohmann::ordered_json& j, std::string& strError) const;
 };
 
@@ -139,6 +143,8 @@ CSimCommand::CSimCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs>())
         ->type_name("FILE.json");
     sub.add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
         ->type_name("FILE");
+    sub.add_option("--html", args.stFiles.strHtml, c_pszHtmlHelp)->type_name("FILE");
+    sub.add_option("--report", args.stFiles.strReport, c_pszReportHelp)->type_name("FILE");
     sub.add_flag("--streams", args.bStreams, "the tables per stream also for a large room");
     sub.add_option("--stats", args.strStats, c_pszStatsHelp)->type_name("FILE");
     sub.add_flag("--end-report", args.bEndReport, "end with the receiver's own end report");
@@ -172,6 +178,19 @@ CSimCommand::CSimCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs>())
 }
 
 CSimCommand::~CSimCommand() = default;
+
+std::vector<std::pair<std::string, std::string>> CSimCommand::tagArgs::Given() const
+{
+    std::vector<std::pair<std::string, std::string>> vec;
+    if (!strRtt.empty())
+        vec.emplace_back("rtt", strRtt);
+    for (const tagGiven& st : listGiven)
+        if (st.pOption->count() != 0)
+            vec.emplace_back(st.pOption->get_name().substr(2), st.strValue);
+    for (const std::string& strSet : vecSet)
+        vec.emplace_back(strSet.substr(0, strSet.find('=')), strSet.substr(strSet.find('=') + 1));
+    return vec;
+}
 
 bool CSimCommand::tagArgs::MakeScenario(tagScenario& stScenario, nlohmann::ordered_json& j,
                                         std::string& strError) const
@@ -267,17 +286,19 @@ int CSimCommand::Run()
     }
 
     tagSimResult stResult;
+    CRunSeries series;
     {
         CProgress progress(args.nLogLevel == 0);
         tagSimHooks stHooks;
         stHooks.nLogLevel = args.nLogLevel;
+        stHooks.pSeries = args.stFiles.Wanted() ? &series : nullptr;
         stHooks.fnLog = [](const std::string& strLine) { fmt::print(stderr, "{}\n", strLine); };
         stHooks.fnProgress = [&progress](double dShare) { progress.Show(dShare, "simulate"); };
         stResult = RunSimulation(stScenario, stHooks);
     }
 
     int nExit = stResult.ExitCode();
-    if (args.strJson != "-")
+    if (args.strJson != "-" && !args.stFiles.ToStdout())
     {
         const bool bColours = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
         const bool bStreams = args.bStreams || stResult.vecStreams.size() <= c_nManyStreams;
@@ -302,6 +323,9 @@ int CSimCommand::Run()
     }
     if (!args.strStats.empty() &&
         !WriteText(args.strStats, StatsText(args.strStats, stResult.stStats), strError))
+        nExit = std::max(nExit, Complain(strError));
+    if (args.stFiles.Wanted() &&
+        !WriteReport(args.stFiles, SimRunReport(stResult, series, args.Given()), strError))
         nExit = std::max(nExit, Complain(strError));
     fmt::print(stderr, "{}\n", SimSpeedLine(stResult));
     if (stResult.ullBroken)

@@ -1,5 +1,8 @@
 #include "SimReport.h"
 
+#include "ReportTable.h"
+#include "Verdict.h"
+
 #include <fmt/format.h>
 #include <sys/resource.h>
 
@@ -123,6 +126,53 @@ void AvTable(std::string& str, const tagSimResult& stResult, const tagPaint& pai
             str += fmt::format(c_pszForm, Cut(st.strName, 22), st.avOffset.Count(),
                                fmt::format("{:+.0f}", (double)st.llAvSumMs / (double)st.avOffset.Count()),
                                st.avOffset.Quantile(0.5), st.avOffset.Quantile(0.95), st.avOffset.Max());
+}
+
+// ---- The same tables for the page ----
+
+std::string Cell(uint64 ull) { return fmt::format("{}", ull); }
+
+void AddRepairRow(CReportTable& table, const std::string& strWho, const char* pszMedia,
+                  const tagSimStreamCounts& st)
+{
+    table.Row({strWho, pszMedia, Cell(st.ullSent), Cell(st.ullLost), Percent(st.ullLost, st.ullSent),
+               Cell(st.ullAsked), Cell(st.ullAnswered), Cell(st.ullInTime), Cell(st.ullRecoveredLate),
+               Cell(st.ullUnrecovered), Percent(st.ullInTime, st.ullLost),
+               Ratio(st.ullAskedLostSeqs, st.ullAsked), Cell(st.ullWastedSeqs)});
+}
+
+void AddTables(Json& jTables, const tagSimResult& stResult)
+{
+    CReportTable repair("Lost and repaired",
+                        {"user", "media", ">sent", ">lost", ">lost %", ">asked", ">answered", ">in time",
+                         ">late", ">never", ">in time %", ">requests/packet", ">wasted"});
+    CReportTable played("Played", {"user", "media", ">released", ">late", ">dropped", ">left",
+                                   ">delay p5, ms", ">median", ">p95", ">max", ">sent to released, median",
+                                   ">max", ">gaps", ">packets in them", ">stalls", ">longest, ms"});
+    for (const tagSimStreamResult& st : stResult.vecStreams)
+    {
+        const tagSimStreamCounts& c = st.st;
+        const std::string strWho = StreamLabel(stResult, st);
+        AddRepairRow(repair, strWho, SimStreamName(st.nKind), c);
+        const auto Delay = [](const CMsHistogram& h, double dShare)
+        { return h.Count() != 0 ? Cell(h.Quantile(dShare)) : std::string("-"); };
+        played.Row({strWho, SimStreamName(st.nKind), Cell(c.ullReleased), Cell(c.ullOutOfOrder),
+                    Cell(st.stPackets.ullSkipped + st.stPackets.ullCleared), Cell(st.stPackets.ullLeft),
+                    Delay(c.delay, 0.05), Delay(c.delay, 0.5), Delay(c.delay, 0.95), Delay(c.delay, 1),
+                    Delay(c.latency, 0.5), Delay(c.latency, 1), Cell(c.ullGaps), Cell(c.ullGapPackets),
+                    Cell(c.ullStalls), Cell(c.dwLongestStallMs)});
+    }
+    AddRepairRow(repair, "all", "", stResult.stSum);
+    repair.AddTo(jTables);
+    played.AddTo(jTables);
+    CReportTable step("Picture to sound, ms", {"user", ">frames", ">mean", ">median", ">p95", ">max"});
+    for (const tagSimUserResult& st : stResult.vecUsers)
+        if (st.avOffset.Count() != 0)
+            step.Row({st.strName, Cell(st.avOffset.Count()),
+                      fmt::format("{:+.0f}", (double)st.llAvSumMs / (double)st.avOffset.Count()),
+                      Cell(st.avOffset.Quantile(0.5)), Cell(st.avOffset.Quantile(0.95)),
+                      Cell(st.avOffset.Max())});
+    step.AddTo(jTables);
 }
 
 std::vector<std::string> Notes(const tagSimResult& stResult)
@@ -351,6 +401,34 @@ Json SimJson(const tagSimResult& stResult)
     j["stats"] = Json::parse(UdtStatsJson(stResult.stStats, -1));
     j["checks"] = {
         {"ok", stResult.ullBroken == 0}, {"broken", stResult.ullBroken}, {"lines", stResult.vecViolations}};
+    return j;
+}
+
+Json SimRunReport(const tagSimResult& stResult, CRunSeries& series,
+                  const std::vector<std::pair<std::string, std::string>>& vecOptions)
+{
+    const tagScenario& stScenario = stResult.stScenario;
+    tagSeriesRun stRun;
+    stRun.strKind = "simulate";
+    stRun.strTitle = stScenario.strName;
+    stRun.vecOptions = {{"seed", Cell(stScenario.ullSeed)},
+                        {"mode", stScenario.stReceiver.bLowLatency ? "low-latency" : "default"},
+                        {"users", Cell(stResult.vecUsers.size())},
+                        {"seconds", fmt::format("{:g}", (double)stScenario.llDurationUs / 1e6)}};
+    for (const auto& st : vecOptions)
+    {
+        const auto it = std::find_if(stRun.vecOptions.begin(), stRun.vecOptions.end(),
+                                     [&st](const auto& stHave) { return stHave.first == st.first; });
+        if (it == stRun.vecOptions.end())
+            stRun.vecOptions.push_back(st);
+    }
+    series.SetRun(stRun);
+    for (const tagSimUserResult& st : stResult.vecUsers)
+        series.NameUser(st.llAccount, st.strName);
+    Json j = series.Json();
+    AddTables(j["tables"], stResult);
+    if (stResult.ullBroken != 0)
+        AddBrokenChecks(j, stResult.ullBroken, stResult.vecViolations);
     return j;
 }
 

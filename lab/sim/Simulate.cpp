@@ -20,6 +20,7 @@ tagSimResult RunSimulation(const tagScenario& stScenario, const tagSimHooks& stH
         stRun.ullStartTick = stScenario.stReceiver.ullFirstTick;
         stRun.bLowLatency = stScenario.stReceiver.bLowLatency;
         stRun.nLogLevel = stHooks.nLogLevel;
+        stRun.pSeries = stHooks.pSeries;
         CLabRun run(stRun, call);
         call.Begin(run);
 

@@ -16,6 +16,8 @@
 namespace lab
 {
 
+class CRunSeries;
+
 // For whoever looks over the shoulder of a run. None of them changes what happens, unless it means to.
 struct tagSimHooks
 {
@@ -24,6 +26,7 @@ struct tagSimHooks
     int nLogLevel = 0;                                     // 0: none
     std::function<void(CMediaPacket& packet)> fnReleased;  // inside the release callback
     std::function<void(CMediaPacket& packet)> fnFeed;      // right before a packet is handed to the receiver
+    CRunSeries* pSeries = nullptr;                         // is told what happens, for a report
 };
 
 struct tagSimStreamResult

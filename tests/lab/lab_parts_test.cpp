@@ -1,5 +1,6 @@
 // The small parts of the lab: histogram, sequence window, checks, the writer of played packets.
 
+#include "Files.h"
 #include "LabBytes.h"
 
 #include "CaptureReader.h"
