@@ -146,6 +146,10 @@ private:
             st.eCall = CALL_LOG_LEVEL;
             st.llValue = m_in.Below(2) ? LOG_LEVEL_DEBUG : LOG_LEVEL_ERROR;
             break;
+        case 21:
+            st.eCall = CALL_GUARDS;
+            st.llValue = m_in.Below(3);
+            break;
         case 20:
             st.eCall = CALL_LOSE_USER;
             st.ullUin = m_senders.Uin(m_in);

@@ -48,6 +48,7 @@ void FuzzReceiver(const uint8* pData, size_t nLen)
 
     int64 llNowUs = 0;
     uint32 dwTurns = 0;
+    bool bGuards = false; // were there any yet?
     while (!in.Empty() && dwTurns < c_dwMostTurns)
     {
         const uint8 cWhat = in.Byte();
@@ -74,6 +75,8 @@ void FuzzReceiver(const uint8* pData, size_t nLen)
             static constexpr uint32 s_aStepsMs[] = {10,  10,  10,   1,    0,    20,    50, 100,
                                                     200, 500, 1000, 3000, 6001, 60000, 10, 10};
             llNowUs += s_aStepsMs[cWhat & 15] * 1000ll;
+            if (bGuards)
+                run.Checks().ClearAsked(); // packets may be turned away in any turn
             run.Turn(llNowUs);
             ++dwTurns;
             if (FuzzShows())
@@ -104,6 +107,24 @@ void FuzzReceiver(const uint8* pData, size_t nLen)
                 params.wUdtMode = cSetup >> 2 & 1;
                 params.wPushGopNum = (uint16)in.Below(4);
                 recv.UDTSetRecvParams(params);
+                break;
+            }
+            case 7:
+            {
+                // Small enough to be reached; every other one is none.
+                tagUDTRecvGuards stGuards;
+                for (uint32* pdwMost :
+                     {&stGuards.dwMaxIntakePackets, &stGuards.dwMaxIntakeBytes, &stGuards.dwMaxStreams,
+                      &stGuards.dwMaxAccounts, &stGuards.dwMaxStreamPackets, &stGuards.dwMaxStreamHistory,
+                      &stGuards.dwMaxRequestsPerSecond, &stGuards.dwMaxPullBacks, &stGuards.dwMaxLatency})
+                {
+                    const uint8 cMost = in.Byte();
+                    *pdwMost = cMost < 0x80 ? cMost : 0;
+                }
+                stGuards.dwMaxIntakeBytes *= 100;
+                stGuards.dwMaxLatency *= 20;
+                recv.SetGuards(stGuards);
+                bGuards = true;
                 break;
             }
             default: recv.SetRoomState(3); break;

@@ -112,6 +112,55 @@ struct tagRecvChnStatInfo
     }
 };
 
+/**
+ * What the receiver takes at most, told by `CAVGUdtRecv::SetGuards`. 0, the default of every field: no such guard.
+ * A guard turns away what comes too much; it takes nothing back that was let in before it was set. How to choose
+ * them: docs/guards.md.
+ */
+struct tagUDTRecvGuards
+{
+    uint32 dwMaxIntakePackets; ///< packets that wait for the worker's next turn
+    uint32 dwMaxIntakeBytes;   ///< bytes, by `wLen`, of the packets that wait for the worker's next turn
+    uint32 dwMaxStreams;       ///< streams at a time; packets of a further one are turned away
+    uint32 dwMaxAccounts;      ///< accounts remembered, with or without a stream at present
+    uint32 dwMaxStreamPackets; ///< packets that one stream buffers
+    uint32 dwMaxStreamHistory; ///< sequences by which one stream knows duplicates: packets of the last 6 s
+    uint32 dwMaxRequestsPerSecond; ///< packets asked for in any second, over all streams
+    uint32 dwMaxPullBacks;         ///< times per second that early packets may pull one user's clock back
+    uint32 dwMaxLatency; ///< ms of media ahead of a user's clock, before the clock leaps to the live edge
+
+    tagUDTRecvGuards()
+        : dwMaxIntakePackets(0), dwMaxIntakeBytes(0), dwMaxStreams(0), dwMaxAccounts(0),
+          dwMaxStreamPackets(0), dwMaxStreamHistory(0), dwMaxRequestsPerSecond(0), dwMaxPullBacks(0),
+          dwMaxLatency(0)
+    {
+    }
+};
+
+/**
+ * What each guard did, filled by `CAVGUdtRecv::GetGuardInfo`. Counted since the receiver was made, modulo 2^32,
+ * over starts and stops.
+ */
+struct tagUDTRecvGuardInfo
+{
+    uint32 dwIntakePackets; ///< packets turned away by `dwMaxIntakePackets`
+    uint32 dwIntakeBytes;   ///< packets turned away by `dwMaxIntakeBytes`
+    uint32 dwStreams;       ///< packets turned away by `dwMaxStreams`
+    uint32 dwAccounts; ///< packets turned away by `dwMaxAccounts`, every remembered account having a stream
+    uint32 dwAccountsForgot; ///< records of accounts forgotten to make room, up to two per account
+    uint32 dwStreamPackets;  ///< packets turned away by `dwMaxStreamPackets`
+    uint32 dwStreamHistory;  ///< packets turned away by `dwMaxStreamHistory`
+    uint32 dwRequests;       ///< missing packets that were due and not asked for; again each time it happens
+    uint32 dwPullBacks;      ///< early packets that did not pull the clock back
+    uint32 dwLatency;        ///< leaps of a user's clock to the live edge
+
+    tagUDTRecvGuardInfo()
+        : dwIntakePackets(0), dwIntakeBytes(0), dwStreams(0), dwAccounts(0), dwAccountsForgot(0),
+          dwStreamPackets(0), dwStreamHistory(0), dwRequests(0), dwPullBacks(0), dwLatency(0)
+    {
+    }
+};
+
 /** The media head of one packet as the owner parsed it. Zeroed by the receiver before the call. */
 struct tagUdtPacketHeadInfo
 {
@@ -154,6 +203,8 @@ static_assert(sizeof(tagReplyData) == 24 && offsetof(tagReplyData, ullUserAccoun
 static_assert(sizeof(tagUDTRecvParams) == 20, "ten 16-bit fields");
 static_assert(sizeof(tagRecvInfo) == 20, "five 32-bit fields");
 static_assert(sizeof(tagRecvChnStatInfo) == 72, "a 64-bit and sixteen 32-bit fields");
+static_assert(sizeof(tagUDTRecvGuards) == 36, "nine 32-bit fields");
+static_assert(sizeof(tagUDTRecvGuardInfo) == 40, "ten 32-bit fields");
 static_assert(sizeof(tagUdtPacketHeadInfo) == 12, "eight bytes and a 32-bit field");
 
 /**
@@ -218,7 +269,7 @@ public:
      * @param wTimeStamp 16-bit timestamp of the transport header, ms
      * @param cSubType   `emUDTAVType`
      * @param pData      the decoded packet; borrowed, the receiver adds its own reference. May be null.
-     * @return always TRUE, also when the receiver is stopped and the packet is dropped
+     * @return always TRUE, also when the receiver is stopped or a guard turns the packet away, and it is dropped
      */
     virtual boolean UDTReceiveNetData(uint32 dwSendSeq, uint64 llAccount, uint32 dwSeq, WORD wTimeStamp,
                                       uint8 cSubType, UDTCodecBaseDecode_V2* pData) = 0;

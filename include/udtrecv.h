@@ -24,8 +24,8 @@
  * **Errors.** Functions return `UDT_OK` or a negative `udt_result`, and never let an exception out. A null handle is
  * `UDT_E_ARGUMENT`, or nothing where there is no result. A callback must not let an exception or a jump out.
  *
- * **Threads.** `udt_recv_feed` may be called by any number of threads at once, the getters and `udt_recv_clear` by
- * any thread. `udt_recv_start`, `udt_recv_stop` and the setters belong to one control thread, or to a callback.
+ * **Threads.** `udt_recv_feed` may be called by any number of threads at once, the getters, `udt_recv_set_guards` and
+ * `udt_recv_clear` by any thread. `udt_recv_start`, `udt_recv_stop` and the setters belong to one control thread, or to a callback.
  * Callbacks come from the receiver's worker thread, one at a time; in an owner-driven receiver from the thread that
  * makes the turn. No lock is held while a callback runs, and it may call every function of its receiver but
  * `udt_recv_destroy`. Hand heavy work on: while a callback runs, nothing else is released or asked for.
@@ -256,6 +256,41 @@ extern "C"
         uint32_t mean_burst_100; /**< mean packets lost in a row, hundredths */
     } udt_loss;
 
+    /**
+     * What the receiver takes at most. 0: no such guard. A guard turns away what comes too much; what was let in before
+     * it was set stays. How to choose them: docs/guards.md.
+     */
+    typedef struct udt_guards
+    {
+        uint32_t size;           /**< `sizeof(udt_guards)` */
+        uint32_t intake_packets; /**< packets that wait for the next turn */
+        uint32_t intake_bytes;   /**< bytes on the wire of the packets that wait for the next turn */
+        uint32_t streams;        /**< streams at a time; packets of a further one are turned away */
+        uint32_t accounts;       /**< accounts remembered, with or without a stream at present */
+        uint32_t stream_packets; /**< packets that one stream buffers */
+        uint32_t
+            stream_history; /**< sequences by which one stream knows duplicates: packets of the last 6 s */
+        uint32_t requests_per_second; /**< packets asked for in any second, over all streams */
+        uint32_t pull_backs; /**< times per second that early packets may pull one user's clock back */
+        uint32_t latency_ms; /**< media ahead of a user's clock, before the clock leaps to the live edge */
+    } udt_guards;
+
+    /** What each guard did since the receiver was made. Counters wrap at 2^32. */
+    typedef struct udt_guard_info
+    {
+        uint32_t size;            /**< `sizeof(udt_guard_info)` */
+        uint32_t intake_packets;  /**< packets turned away by `udt_guards::intake_packets` */
+        uint32_t intake_bytes;    /**< packets turned away by `udt_guards::intake_bytes` */
+        uint32_t streams;         /**< packets turned away by `udt_guards::streams` */
+        uint32_t accounts;        /**< packets turned away, every remembered account having a stream */
+        uint32_t accounts_forgot; /**< records of accounts forgotten to make room, up to two per account */
+        uint32_t stream_packets;  /**< packets turned away by `udt_guards::stream_packets` */
+        uint32_t stream_history;  /**< packets turned away by `udt_guards::stream_history` */
+        uint32_t requests; /**< missing packets that were due and not asked for; again each time it happens */
+        uint32_t pull_backs; /**< early packets that did not pull the clock back */
+        uint32_t latency;    /**< leaps of a user's clock to the live edge */
+    } udt_guard_info;
+
     /** `UDT_API_VERSION` of the library at hand, which may be newer than the header. */
     uint32_t udt_api_version(void);
 
@@ -288,6 +323,12 @@ extern "C"
 
     /** Sets the tuning; see `udt_params`. */
     int udt_recv_set_params(udt_recv* recv, const udt_params* params);
+
+    /** Sets what the receiver takes at most; see `udt_guards`. Kept over stop and start. Any thread. */
+    int udt_recv_set_guards(udt_recv* recv, const udt_guards* guards);
+
+    /** Tells what each guard did. Any thread. */
+    int udt_recv_get_guard_info(udt_recv* recv, udt_guard_info* info);
 
     /** Tells the measured round-trip time, ms; it moves the interval between requests for one gap. */
     int udt_recv_set_rtt(udt_recv* recv, uint32_t rtt_ms);

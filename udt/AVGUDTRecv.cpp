@@ -80,7 +80,8 @@ CAVGUdtRecv::CAVGUdtRecv(IUDTRecvEventCallBack* pCB)
       m_dwIFrmPkgLostInfo(0), m_dwPushStmDone(0), m_dwAVSyncAdjSwitch(1), m_LogPrintFlag(0),
       m_dwOutDelayDone(0), m_dwChnClearNum(0), m_dwUinNum(0), m_dwMultiUinAVSync(0), m_dwLogPrintTimer(0),
       m_dwLastPrintTick(0), m_nSpareWanted(0), m_pstReleasing(nullptr), m_bInTurn(FALSE),
-      m_bStoppedInTurn(FALSE), m_ullTurnThread(0)
+      m_bStoppedInTurn(FALSE), m_ullTurnThread(0), m_ullIntakeBytes(0), m_nRingAccounts(0), m_nFirstDemand(0),
+      m_bIdleUsersKnown(false), m_dwPullBackTick(0)
 {
 }
 
@@ -261,6 +262,8 @@ void CAVGUdtRecv::Clear()
         listRawData.swap(m_listRawData);
         listSpare.swap(m_listSpare);
         mapUinPkgRingParam.swap(m_mapUinPkgRingParam);
+        m_ullIntakeBytes = 0;
+        m_nRingAccounts = 0;
         CXPAutoLock lockStreams(m_lockStreams);
         mapUinDataInfo.swap(m_mapUinDataInfo);
         mapUinInPkt.swap(m_mapUinInPkt);
@@ -481,6 +484,8 @@ void CAVGUdtRecv::ClearChnParam()
             if (match(*itTaken))
                 m_listClearedData.splice(m_listClearedData.end(), m_listRawData, itTaken);
         }
+        if (m_stGuards.bIntake != FALSE)
+            CountIntakeBytes();
     };
 
     if (m_dwClearRequest == c_dwClearAllButAudio)
@@ -508,24 +513,20 @@ void CAVGUdtRecv::ClearChnParam()
 
 uint32 CAVGUdtRecv::UpdateUinNum(uint64 ullCurUin)
 {
-    for (const MapUinInPkt::value_type& stStream : m_mapUinInPkt)
-    {
-        if (stStream.first.ullUserAccount == ullCurUin)
-            return 0;
-    }
-    return 1;
+    const MapUinInPkt::const_iterator it = m_mapUinInPkt.lower_bound(tagInPktKey(ullCurUin, 0));
+    return it != m_mapUinInPkt.end() && it->first.ullUserAccount == ullCurUin ? 0 : 1;
 }
 
 void CAVGUdtRecv::ClearUselessData(uint64 ullAcount, uint32 uTimeOut)
 {
-    for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    for (MapUinInPkt::iterator it = m_mapUinInPkt.lower_bound(tagInPktKey(ullAcount, 0));
+         it != m_mapUinInPkt.end() && it->first.ullUserAccount == ullAcount; ++it)
     {
-        if (stStream.first.ullUserAccount != ullAcount)
-            continue;
-        for (tagPktNode* pNode = stStream.second.mapUdtPacket.Head(); pNode != nullptr;)
+        tagUinDataBuf& stUinDataBuf = it->second;
+        for (tagPktNode* pNode = stUinDataBuf.mapUdtPacket.Head(); pNode != nullptr;)
             pNode =
-                pNode->Pkt().dwMETimeStamp > uTimeOut ? UnbufferPacket(stStream.second, pNode) : pNode->pNext;
-        stStream.second.stTrack.Forget();
+                pNode->Pkt().dwMETimeStamp > uTimeOut ? UnbufferPacket(stUinDataBuf, pNode) : pNode->pNext;
+        stUinDataBuf.stTrack.Forget();
     }
 }
 

@@ -24,6 +24,8 @@
 #include "xptypes.h"
 
 #include <list>
+#include <map>
+#include <vector>
 
 /** One receiver, for all users of a room. How it works: see the head of this file; what it offers: `IUDTRecv`. */
 class CAVGUdtRecv : public CAVGThreadModel, public IUDTRecv
@@ -74,6 +76,16 @@ public:
     boolean GetPlayoutInfo(uint64 llAccount, tagPlayoutInfo& stInfo);
 
     /**
+     * Sets what the receiver takes at most, so that nobody can push its memory or its turns further: see
+     * `tagUDTRecvGuards` and docs/guards.md. In force for the next packet and the next turn; what is over a new limit
+     * already stays until it goes by itself. Any thread, also from inside a callback; kept over `Stop` and `Start`.
+     */
+    void SetGuards(const tagUDTRecvGuards& stGuards);
+
+    /** What each guard did since the receiver was made. Any thread; the words are read one by one. */
+    void GetGuardInfo(tagUDTRecvGuardInfo& stInfo);
+
+    /**
      * The record of the packet that `OnUDTRecvOutData` is being called with: its arrival tick, sequence, frame
      * and what was lost before it. Worker thread, inside that callback only; null otherwise.
      */
@@ -98,6 +110,18 @@ private:
     template <void (CAVGUdtRecv::*pfnStep)()>
     void GuardedStep(const char* pszOper);
 
+    // ---- Guards (AVGUDTRecvGuard.cpp) ------------------------------------------------------------------
+    bool AdmitToIntake(const UDTCodecBaseDecode_V2* pData);         // Caller holds m_dataLock.
+    void CountIntakeBytes();                                        // Caller holds m_dataLock.
+    void ForgetRingParams(uint64 ullAccount, size_t nMostAccounts); // Caller holds m_dataLock.
+    bool AdmitStream(uint64 ullAccount);
+    bool AdmitUser(uint64 ullAccount, size_t nMostAccounts);
+    bool ForgetIdleUser();
+    bool AdmitToStream(const tagUinDataBuf& stUinDataBuf);
+    bool AdmitPullBack(uint64 ullAccount, uint32 dwNow);
+    bool MayAskAtOnce(uint32 dwPackets);
+    void DropBacklogs();
+
     // ---- Settings and clearing (AVGUDTRecv.cpp) --------------------------------------------------------
     void UdtModeProcessNew();
     void ApplyTimelineDelta();
@@ -117,6 +141,7 @@ private:
         HANDLE_COPY, ///< the caller keeps his packet
         HANDLE_TAKE  ///< a packet that is buffered takes the caller's reference along
     };
+    tagPkgRingParam& NewRingParam(const tagInPktKey& stKey); // Caller holds m_dataLock.
     void Deliver();
     void TakeRawData();
     void HandleRawData(std::list<tagDataPacket>& listRawData);
@@ -165,8 +190,13 @@ private:
     uint32 FirstRequestDelay(uint32 dwNow);
     void BeginLossRequest();
     void CollectDueGaps(uint32 dwNow, const tagRequestTiming& stTiming, MapUinSeq& mapUinPacketIdx);
-    void CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
-                           const tagRequestTiming& stTiming, std::vector<uint32>& lossSeqVector);
+    void CollectGuardedGaps(uint32 dwPerSecond, uint32 dwNow, const tagRequestTiming& stTiming,
+                            MapUinSeq& mapUinPacketIdx);
+    static size_t CountStreamGaps(const tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
+                                  const tagRequestTiming& stTiming);
+    static void CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
+                                  const tagRequestTiming& stTiming, size_t nMost,
+                                  std::vector<uint32>& lossSeqVector);
     void Housekeep(uint32 dwNow);
     void FoldLossCounters(uint8 cSubType, tagUinDataBuf& stUinDataBuf);
     MapUinInPkt::iterator ExpireStream(MapUinInPkt::iterator itStream);
@@ -283,6 +313,18 @@ private:
     shared_boolean m_bInTurn;             // [F] 1: inside RunTurn
     shared_boolean m_bStoppedInTurn;      // [F] 1: stopped, and the end of the run is still to be written
     shared_uint64 m_ullTurnThread;        // [F] who makes the open turn
+    // Guards: nothing of it is looked at while there are none, but the words that say so.
+    tagGuardWords m_stGuards;                // [F] written under m_paramlock
+    tagGuardCounts m_stGuardCounts;          // see there
+    uint64 m_ullIntakeBytes;                 // [D] of m_listRawData, while it has a guard
+    size_t m_nRingAccounts;                  // [D] accounts in m_mapUinPkgRingParam
+    CUdtRequestBudget m_requestBudget;       // [W]
+    std::vector<tagGapDemand> m_vecDemands;  // [W] of the present scan
+    size_t m_nFirstDemand;                   // [W] whose turn it is, among streams that want the same
+    std::vector<uint64> m_vecIdleUsers;      // [W] users without a stream, as found in this turn
+    bool m_bIdleUsersKnown;                  // [W]
+    std::map<uint64, uint32> m_mapPullBacks; // [W] pull-backs of a user in this second
+    uint32 m_dwPullBackTick;                 // [W] tick at which that second began
 };
 
 #endif // AVGUDTRECV_H

@@ -381,6 +381,74 @@ struct tagPlayoutInfo
     }
 };
 
+/** `tagUDTRecvGuards` as threads share it, and which of the doors have a guard at all. */
+struct tagGuardWords
+{
+    shared_boolean bIntake; ///< `dwMaxIntakePackets` or `dwMaxIntakeBytes`
+    shared_boolean bStream; ///< `dwMaxStreamPackets` or `dwMaxStreamHistory`
+    shared_uint32 dwMaxIntakePackets;
+    shared_uint32 dwMaxIntakeBytes;
+    shared_uint32 dwMaxStreams;
+    shared_uint32 dwMaxAccounts;
+    shared_uint32 dwMaxStreamPackets;
+    shared_uint32 dwMaxStreamHistory;
+    shared_uint32 dwMaxRequestsPerSecond;
+    shared_uint32 dwMaxPullBacks;
+    shared_uint32 dwMaxLatency;
+};
+
+/** `tagUDTRecvGuardInfo` as threads share it. A word has one writer at a time; the letter of `CAVGUdtRecv` tells. */
+struct tagGuardCounts
+{
+    shared_uint32 dwIntakePackets;  ///< [D]
+    shared_uint32 dwIntakeBytes;    ///< [D]
+    shared_uint32 dwStreams;        ///< [W]
+    shared_uint32 dwAccounts;       ///< [W]
+    shared_uint32 dwAccountsForgot; ///< any number of writers
+    shared_uint32 dwStreamPackets;  ///< [W]
+    shared_uint32 dwStreamHistory;  ///< [W]
+    shared_uint32 dwRequests;       ///< [W]
+    shared_uint32 dwPullBacks;      ///< [W]
+    shared_uint32 dwLatency;        ///< [W]
+};
+
+/**
+ * How many packets may be asked for now, so that no second sees more than so many. A quarter of them may come at
+ * once, after a while of less; three quarters are what a second brings.
+ */
+class CUdtRequestBudget
+{
+public:
+    CUdtRequestBudget() : m_dwPerSecond(0), m_dwTick(0), m_ullParts(0) {}
+
+    /// Takes the setting and the time that went by. 0 per second: no budget, do not ask it.
+    void Refill(uint32 dwPerSecond, uint32 dwNow);
+    /// Packets that may be asked for.
+    uint64 Left() const { return m_ullParts / c_dwParts; }
+    /// The same for requests that do not wait for the scan: these leave it half of what it may spend at once.
+    uint64 LeftAtOnce() const;
+    /// So many were asked for.
+    void Spend(uint64 ullPackets);
+
+private:
+    static constexpr uint32 c_dwParts = 4000; // per packet: a millisecond brings three per packet and second
+    uint64 Most() const;
+
+    uint32 m_dwPerSecond; // as last told
+    uint32 m_dwTick;      // of the last refill
+    uint64 m_ullParts;
+};
+
+/** What one stream would ask for, while there is not enough for all. */
+struct tagGapDemand
+{
+    tagInPktKey stKey;
+    tagUinDataBuf* pstUinDataBuf;
+    uint32 dwTimelineOut; ///< of its user
+    size_t nDue;          ///< packets that this scan would ask for
+    size_t nRank;         ///< among streams that want the same
+};
+
 // ---- Maps, iterated in ascending key order -------------------------------------------------------------------
 
 typedef std::map<tagInPktKey, tagUinDataBuf> MapUinInPkt;

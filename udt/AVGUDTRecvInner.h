@@ -22,6 +22,13 @@
 #define UDT_PER_PACKET
 #endif
 
+/// Before a function that few packets come to: it stays out of those that every packet goes through.
+#if defined(__GNUC__)
+#define UDT_SELDOM __attribute__((noinline, cold))
+#else
+#define UDT_SELDOM
+#endif
+
 /**
  * Writes one line. Operators search for these lines, so text, level, operation and argument order stay put:
  * the operation is spelled out and the file is always the receiver's. Arguments are not evaluated while

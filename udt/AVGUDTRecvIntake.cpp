@@ -13,6 +13,7 @@
 #include "AVGUDTRecvRules.h"
 
 #include <algorithm>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -49,6 +50,22 @@ void FillFromHead(tagDataPacket& dataPacket, const tagUdtPacketHeadInfo& stHeadI
 
 // ---- Network threads ---------------------------------------------------------------------------------------
 
+// What the unwrapping of a new stream's timestamps remembers, for as long as the receiver runs unless a guard has it
+// forgotten.
+UDT_SELDOM tagPkgRingParam& CAVGUdtRecv::NewRingParam(const tagInPktKey& stKey)
+{
+    if (const uint32 dwMaxAccounts = m_stGuards.dwMaxAccounts)
+        ForgetRingParams(stKey.ullUserAccount, dwMaxAccounts);
+
+    const MapUinPkgRingParam::iterator it = m_mapUinPkgRingParam.emplace(stKey, tagPkgRingParam()).first;
+    const auto isSameAccount = [&stKey](MapUinPkgRingParam::const_iterator itOther)
+    { return itOther->first.ullUserAccount == stKey.ullUserAccount; };
+    const bool bKnown = (it != m_mapUinPkgRingParam.begin() && isSameAccount(std::prev(it))) ||
+                        (std::next(it) != m_mapUinPkgRingParam.end() && isSameAccount(std::next(it)));
+    m_nRingAccounts += bKnown ? 0 : 1;
+    return it->second;
+}
+
 UDT_PER_PACKET boolean CAVGUdtRecv::UDTReceiveNetData(uint32 dwSendSeq, uint64 llAccount, uint32 dwSeq,
                                                       WORD wTimeStamp, uint8 cSubType,
                                                       UDTCodecBaseDecode_V2* pData)
@@ -62,7 +79,10 @@ try
     tagPkgRingParam stRing;
     {
         CXPAutoLock lock(m_dataLock);
-        tagPkgRingParam& stPkgRingParam = m_mapUinPkgRingParam[tagInPktKey(llAccount, cSubType)];
+        const tagInPktKey stKey(llAccount, cSubType);
+        const MapUinPkgRingParam::iterator itRing = m_mapUinPkgRingParam.lower_bound(stKey);
+        const bool bIsNew = UDT_RARELY(itRing == m_mapUinPkgRingParam.end() || stKey < itRing->first);
+        tagPkgRingParam& stPkgRingParam = bIsNew ? NewRingParam(stKey) : itRing->second;
         dwTimeStamp = UnwrapTimeStamp(stPkgRingParam, wTimeStamp);
         stRing = stPkgRingParam;
     }
@@ -88,6 +108,8 @@ try
         CXPAutoLock lock(m_dataLock);
         // Asked again under the lock that the last clearing takes: nothing is left behind it.
         if (m_bStop != 0)
+            return TRUE;
+        if (UDT_RARELY(m_stGuards.bIntake != FALSE) && !AdmitToIntake(pData))
             return TRUE;
         if (m_listSpare.empty())
             m_listSpare.emplace_back();
@@ -135,6 +157,8 @@ void CAVGUdtRecv::Deliver()
     HandleRawData(m_listTaken);
     CalcLostInfo();
     UdtModeProcessNew();
+    if (UDT_RARELY(m_stGuards.dwMaxLatency != 0))
+        DropBacklogs();
     ApplyClearRequest();
 }
 
@@ -147,6 +171,7 @@ void CAVGUdtRecv::TakeRawData()
     CXPAutoLock lock(m_dataLock);
     m_listSpare.splice(m_listSpare.end(), m_listTaken);
     m_listTaken.swap(m_listRawData);
+    m_ullIntakeBytes = 0;
     while (m_listSpare.size() > m_nSpareWanted + c_nSpareLeast && listGivenUp.size() < c_nSpareGivenUp)
         listGivenUp.splice(listGivenUp.end(), m_listSpare, m_listSpare.begin());
 }
@@ -161,13 +186,18 @@ void CAVGUdtRecv::HandleRawData(std::list<tagDataPacket>& listRawData)
     tagUinDataBuf* pstUinDataBuf = nullptr;
     tagUinDataInfo* pstUinDataInfo = nullptr;
     tagInPktKey stLast;
+    m_bIdleUsersKnown = false;
     for (tagDataPacket& dataPacket : listRawData)
     {
         if (pstUinDataBuf == nullptr || dataPacket.llAccount != stLast.ullUserAccount ||
             dataPacket.cSubType != stLast.cSubType)
         {
             stLast = tagInPktKey(dataPacket.llAccount, dataPacket.cSubType);
-            pstUinDataBuf = &FindOrCreateStream(dataPacket)->second;
+            pstUinDataBuf = nullptr;
+            const MapUinInPkt::iterator itStream = FindOrCreateStream(dataPacket);
+            if (UDT_RARELY(itStream == m_mapUinInPkt.end()))
+                continue; // a guard turned it away
+            pstUinDataBuf = &itStream->second;
             pstUinDataInfo = &FindOrCreateUser(dataPacket.llAccount);
         }
         HandleData(*pstUinDataBuf, *pstUinDataInfo, dataPacket, HANDLE_TAKE, dwNow);
@@ -190,8 +220,10 @@ void CAVGUdtRecv::CalcLostInfo()
 
 void CAVGUdtRecv::OnDataHandleNew(tagDataPacket& dataPacket)
 {
-    tagUinDataBuf& stUinDataBuf = FindOrCreateStream(dataPacket)->second;
-    HandleData(stUinDataBuf, FindOrCreateUser(dataPacket.llAccount), dataPacket, HANDLE_COPY, TickNow());
+    const MapUinInPkt::iterator itStream = FindOrCreateStream(dataPacket);
+    if (itStream == m_mapUinInPkt.end())
+        return; // a guard turned it away
+    HandleData(itStream->second, FindOrCreateUser(dataPacket.llAccount), dataPacket, HANDLE_COPY, TickNow());
 }
 
 UDT_PER_PACKET void CAVGUdtRecv::HandleData(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& stUinDataInfo,
@@ -240,6 +272,10 @@ UDT_PER_PACKET void CAVGUdtRecv::HandleData(tagUinDataBuf& stUinDataBuf, tagUinD
         return;
     }
 
+    // Like a duplicate it was counted, answers its request and moved the band; but it may come again.
+    if (UDT_RARELY(m_stGuards.bStream != FALSE) && !AdmitToStream(stUinDataBuf))
+        return;
+
     BufferPacket(stUinDataBuf, pNext, dataPacket, eHandle);
     stUinDataBuf.dwLastRecvPackTime = dwNow;
     stUinDataBuf.mapRecvSeq.Set(dataPacket.dwSenderSeq, dwNow);
@@ -256,12 +292,15 @@ void CAVGUdtRecv::BufferPacket(tagUinDataBuf& stUinDataBuf, tagPktNode* pBefore,
     stUinDataBuf.stTrack.NoteBuffered(pNode);
 }
 
+// The map's end: a guard turns the packet away.
 MapUinInPkt::iterator CAVGUdtRecv::FindOrCreateStream(const tagDataPacket& dataPacket)
 {
     const tagInPktKey stKey(dataPacket.llAccount, dataPacket.cSubType);
     const MapUinInPkt::iterator itStream = m_mapUinInPkt.find(stKey);
     if (itStream != m_mapUinInPkt.end())
         return itStream;
+    if (!AdmitStream(dataPacket.llAccount))
+        return m_mapUinInPkt.end();
 
     tagUinDataBuf stUinDataBuf;
     stUinDataBuf.dwTimelineMin = c_dwNone32;
@@ -329,6 +368,8 @@ void CAVGUdtRecv::CheckEarlyPush(tagUinDataBuf& stUinDataBuf, tagUinDataInfo& st
         return;
     stUinDataBuf.stStatInfo.dwSkipPkgNum += 1;
     if (stUinDataBuf.stStatInfo.dwSkipPkgNum < c_dwEarlyPushCount)
+        return;
+    if (m_stGuards.dwMaxPullBacks != 0 && !AdmitPullBack(dataPacket.llAccount, dwNow))
         return;
 
     const uint32 dwNewOut = stUinDataBuf.mapUdtPacket.Head()->Pkt().dwMETimeStamp;

@@ -517,7 +517,9 @@ bool CAVGUdtRecv::MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, t
     stCur.cFrmLostNum = (uint8)stWalk.m_dwFrmLostNum;
     stCur.cIsCalcLost = 1;
 
-    if (dwTreatedAsLost != 0 && stCur.cFrmType == def_FrameType_I && stCur.wLostReqCnt == 0)
+    // What a guard does not let be asked for at once keeps its count, and so is due at the next scan.
+    if (dwTreatedAsLost != 0 && stCur.cFrmType == def_FrameType_I && stCur.wLostReqCnt == 0 &&
+        (m_stGuards.dwMaxRequestsPerSecond == 0 || MayAskAtOnce(dwTreatedAsLost)))
     {
         for (uint32 dwBack = 1; dwBack <= dwTreatedAsLost; ++dwBack)
             m_vecIFrmLost.push_back(stCur.dwSenderSeq - dwBack);

@@ -205,10 +205,11 @@ void CAVGUdtRecv::CalcTimelineOutNew(uint64 ullAcount, tagUinDataInfo& stUinData
 uint32 CAVGUdtRecv::FindTimeStampJump(uint64 ullAcount, uint32 uTimelineOut)
 {
     uint32 uMinTimeStamp = c_dwNone32;
-    for (const MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    for (MapUinInPkt::const_iterator it = m_mapUinInPkt.lower_bound(tagInPktKey(ullAcount, 0));
+         it != m_mapUinInPkt.end() && it->first.ullUserAccount == ullAcount; ++it)
     {
-        const tagPktNode* const pFirst = stStream.second.mapUdtPacket.Head();
-        if (stStream.first.ullUserAccount == ullAcount && pFirst != nullptr)
+        const tagPktNode* const pFirst = it->second.mapUdtPacket.Head();
+        if (pFirst != nullptr)
             uMinTimeStamp = std::min(uMinTimeStamp, pFirst->Pkt().dwMETimeStamp);
     }
     if (uMinTimeStamp == c_dwNone32 || uTimelineOut + c_dwClockJumpGap >= uMinTimeStamp)

@@ -30,7 +30,7 @@ constexpr uint32 c_dwRequestFailCheckGap = 4000; // ms that pass between two che
 // the cap cut it short, and even when requests are switched off further on. itSeq: where the last gap of this scan
 // ended among the requested sequences; moves on to where this one does.
 void RequestGap(MapSeqTick& mapRequestSeq, MapSeqTick::iterator& itSeq, tagDataPacket& stPkt, uint32 dwCurSeq,
-                uint32 dwNow, std::vector<uint32>& lossSeqVector)
+                uint32 dwNow, size_t nMost, std::vector<uint32>& lossSeqVector)
 {
     uint32 seq = dwCurSeq - stPkt.cPrePkgLost;
     RECV_LOG(
@@ -40,8 +40,7 @@ void RequestGap(MapSeqTick& mapRequestSeq, MapSeqTick::iterator& itSeq, tagDataP
         stPkt.cSubType, stPkt.cPrePkgLost, seq, dwCurSeq, stPkt.cPkgNum, stPkt.cFecNum, stPkt.cFrmType,
         stPkt.cFrmIdx, stPkt.cGopIdx, stPkt.wVidPkgIdxLeft, stPkt.wLostReqCnt);
 
-    for (uint32 dwCnt = 0; dwCnt < stPkt.cPrePkgLost && lossSeqVector.size() < c_nStreamScanCap;
-         ++dwCnt, ++seq)
+    for (uint32 dwCnt = 0; dwCnt < stPkt.cPrePkgLost && lossSeqVector.size() < nMost; ++dwCnt, ++seq)
     {
         lossSeqVector.push_back(seq);
         itSeq = mapRequestSeq.SetNear(itSeq, seq, dwNow);
@@ -78,7 +77,11 @@ void CAVGUdtRecv::CheckTimeOutNew()
         stTiming.dwInterval = RequestInterval(m_dwRTT, m_dwUdtlossDataRequestInterval);
 
         BeginLossRequest();
-        CollectDueGaps(dwNow, stTiming, m_mapLost);
+        const uint32 dwPerSecond = m_stGuards.dwMaxRequestsPerSecond;
+        if (UDT_RARELY(dwPerSecond != 0))
+            CollectGuardedGaps(dwPerSecond, dwNow, stTiming, m_mapLost);
+        else
+            CollectDueGaps(dwNow, stTiming, m_mapLost);
         RequestLossPacket(m_mapLost);
     }
 
@@ -118,14 +121,96 @@ void CAVGUdtRecv::CollectDueGaps(uint32 dwNow, const tagRequestTiming& stTiming,
         tagUinDataBuf& stUinDataBuf = stStream.second;
         KnowGaps(stUinDataBuf, TrackOf(stUinDataBuf));
         if (!stUinDataBuf.stTrack.mapGaps.empty())
-            CollectStreamGaps(stUinDataBuf, itInfo->second.dwTimelineOut, dwNow, stTiming,
+            CollectStreamGaps(stUinDataBuf, itInfo->second.dwTimelineOut, dwNow, stTiming, c_nStreamScanCap,
                               mapUinPacketIdx[stStream.first]);
     }
 }
 
-// One stream's due gaps, oldest first. A gap that playout has reached is no longer worth asking for.
+// How many packets CollectStreamGaps would gather.
+size_t CAVGUdtRecv::CountStreamGaps(const tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
+                                    const tagRequestTiming& stTiming)
+{
+    size_t nDue = 0;
+    for (const CUdtSeqMap<tagDataPacket*>::value_type& stGap : stUinDataBuf.stTrack.mapGaps)
+    {
+        const tagDataPacket& stPkt = *stGap.second;
+        if (stPkt.dwMETimeStamp <= dwTimelineOut || !IsRequestDue(stPkt.wLostReqCnt, dwNow - stPkt.dwRecvTime,
+                                                                  dwNow - stPkt.dwLastReqLostTime, stTiming))
+            continue;
+        nDue += stPkt.cPrePkgLost;
+        if (nDue >= c_nStreamScanEnough)
+            break;
+    }
+    return nDue;
+}
+
+// The same as CollectDueGaps, as far as the budget goes. Where it does not go far enough, streams that want little are
+// served first and whole, and what is left is shared alike: a stream that lost a few packets does not wait for one
+// that says it lost everything.
+UDT_SELDOM void CAVGUdtRecv::CollectGuardedGaps(uint32 dwPerSecond, uint32 dwNow,
+                                                const tagRequestTiming& stTiming, MapUinSeq& mapUinPacketIdx)
+{
+    m_requestBudget.Refill(dwPerSecond, dwNow);
+    uint64 ullLeft = m_requestBudget.Left();
+    uint64 ullDue = 0;
+    bool bTornDown = false; // as without a guard, see CollectDueGaps
+    m_vecDemands.clear();
+    for (MapUinInPkt::value_type& stStream : m_mapUinInPkt)
+    {
+        const MapUinDataInfo::const_iterator itInfo = m_mapUinDataInfo.find(stStream.first.ullUserAccount);
+        if (itInfo == m_mapUinDataInfo.end())
+        {
+            bTornDown = true;
+            break;
+        }
+        tagUinDataBuf& stUinDataBuf = stStream.second;
+        KnowGaps(stUinDataBuf, TrackOf(stUinDataBuf));
+        if (stUinDataBuf.stTrack.mapGaps.empty())
+            continue;
+        tagGapDemand stDemand;
+        stDemand.stKey = stStream.first;
+        stDemand.pstUinDataBuf = &stUinDataBuf;
+        stDemand.dwTimelineOut = itInfo->second.dwTimelineOut;
+        stDemand.nDue = CountStreamGaps(stUinDataBuf, stDemand.dwTimelineOut, dwNow, stTiming);
+        stDemand.nRank = 0;
+        ullDue += stDemand.nDue;
+        if (stDemand.nDue != 0)
+            m_vecDemands.push_back(stDemand);
+    }
+
+    if (ullDue > ullLeft)
+    {
+        m_nFirstDemand += 1;
+        for (size_t i = 0; i < m_vecDemands.size(); ++i)
+            m_vecDemands[i].nRank = (i + m_nFirstDemand) % m_vecDemands.size();
+        std::sort(m_vecDemands.begin(), m_vecDemands.end(),
+                  [](const tagGapDemand& a, const tagGapDemand& b)
+                  { return a.nDue != b.nDue ? a.nDue < b.nDue : a.nRank < b.nRank; });
+    }
+    size_t nStreams = m_vecDemands.size();
+    for (const tagGapDemand& stDemand : m_vecDemands)
+    {
+        uint64 ullShare = stDemand.nDue;
+        if (ullDue > ullLeft)
+            ullShare =
+                std::min<uint64>(stDemand.nDue, std::max<uint64>(ullLeft / nStreams, ullLeft != 0 ? 1 : 0));
+        --nStreams;
+        ullDue -= stDemand.nDue;
+        ullLeft -= ullShare;
+        m_stGuardCounts.dwRequests += (uint32)(stDemand.nDue - ullShare);
+        if (ullShare != 0)
+            CollectStreamGaps(*stDemand.pstUinDataBuf, stDemand.dwTimelineOut, dwNow, stTiming,
+                              (size_t)ullShare, mapUinPacketIdx[stDemand.stKey]);
+    }
+    if (bTornDown)
+        RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew", "%s", "There should not reach unless before close!");
+}
+
+// One stream's due gaps, oldest first, up to nMost packets. A gap that playout has reached is no longer worth asking
+// for.
 void CAVGUdtRecv::CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimelineOut, uint32 dwNow,
-                                    const tagRequestTiming& stTiming, std::vector<uint32>& lossSeqVector)
+                                    const tagRequestTiming& stTiming, size_t nMost,
+                                    std::vector<uint32>& lossSeqVector)
 {
     MapSeqTick& mapRequestSeq = stUinDataBuf.mapRequestSeq;
     MapSeqTick::iterator itSeq = mapRequestSeq.begin();
@@ -135,14 +220,14 @@ void CAVGUdtRecv::CollectStreamGaps(tagUinDataBuf& stUinDataBuf, uint32 dwTimeli
         if (stPkt.dwMETimeStamp <= dwTimelineOut || !IsRequestDue(stPkt.wLostReqCnt, dwNow - stPkt.dwRecvTime,
                                                                   dwNow - stPkt.dwLastReqLostTime, stTiming))
             continue;
-        RequestGap(mapRequestSeq, itSeq, stPkt, stGap.first, dwNow, lossSeqVector);
+        RequestGap(mapRequestSeq, itSeq, stPkt, stGap.first, dwNow, nMost, lossSeqVector);
         if (lossSeqVector.size() >= c_nStreamScanMany)
         {
             RECV_LOG(LOG_LEVEL_ERROR, "CheckTimeOutNew",
                      "lossSeqVector subtype %1d size %d is larger than 100", stPkt.cSubType,
                      (int)lossSeqVector.size());
         }
-        if (lossSeqVector.size() >= c_nStreamScanEnough)
+        if (lossSeqVector.size() >= std::min(c_nStreamScanEnough, nMost))
             break; // the rest waits for the next scan
     }
 }
@@ -229,6 +314,8 @@ void CAVGUdtRecv::RequestLossPacket(MapUinSeq& mapUinPacketIdx)
     }
     if (!vecReplyData.empty())
     {
+        if (m_stGuards.dwMaxRequestsPerSecond != 0)
+            m_requestBudget.Spend(vecReplyData.size());
         RecvDataEvent(AVGUdtRecvPacketEvent_LossRequest, (uint8*)vecReplyData.data(),
                       (uint32)vecReplyData.size(), 1, 1);
     }

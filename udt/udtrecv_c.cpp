@@ -25,6 +25,8 @@ static_assert(sizeof(udt_stream) == 80, "first version of udt_stream");
 static_assert(sizeof(udt_playout) == 28, "first version of udt_playout");
 static_assert(sizeof(udt_downlink) == 20, "first version of udt_downlink");
 static_assert(sizeof(udt_loss) == 20, "first version of udt_loss");
+static_assert(sizeof(udt_guards) == 40, "first version of udt_guards");
+static_assert(sizeof(udt_guard_info) == 44, "first version of udt_guard_info");
 
 namespace
 {
@@ -288,6 +290,58 @@ int udt_recv_set_params(udt_recv* recv, const udt_params* params)
         [&]
         {
             recv->m_recv.UDTSetRecvParams(stParams);
+            return UDT_OK;
+        });
+}
+
+int udt_recv_set_guards(udt_recv* recv, const udt_guards* guards)
+{
+    if (recv == nullptr || guards == nullptr)
+        return UDT_E_ARGUMENT;
+    if (IsTooSmall(guards))
+        return UDT_E_SIZE;
+    const udt_guards stIn = KnownPart(guards);
+    tagUDTRecvGuards stGuards;
+    stGuards.dwMaxIntakePackets = stIn.intake_packets;
+    stGuards.dwMaxIntakeBytes = stIn.intake_bytes;
+    stGuards.dwMaxStreams = stIn.streams;
+    stGuards.dwMaxAccounts = stIn.accounts;
+    stGuards.dwMaxStreamPackets = stIn.stream_packets;
+    stGuards.dwMaxStreamHistory = stIn.stream_history;
+    stGuards.dwMaxRequestsPerSecond = stIn.requests_per_second;
+    stGuards.dwMaxPullBacks = stIn.pull_backs;
+    stGuards.dwMaxLatency = stIn.latency_ms;
+    return Guarded(
+        [&]
+        {
+            recv->m_recv.SetGuards(stGuards);
+            return UDT_OK;
+        });
+}
+
+int udt_recv_get_guard_info(udt_recv* recv, udt_guard_info* info)
+{
+    if (recv == nullptr || info == nullptr)
+        return UDT_E_ARGUMENT;
+    if (IsTooSmall(info))
+        return UDT_E_SIZE;
+    return Guarded(
+        [&]
+        {
+            tagUDTRecvGuardInfo stIn;
+            recv->m_recv.GetGuardInfo(stIn);
+            udt_guard_info stOut = {};
+            stOut.intake_packets = stIn.dwIntakePackets;
+            stOut.intake_bytes = stIn.dwIntakeBytes;
+            stOut.streams = stIn.dwStreams;
+            stOut.accounts = stIn.dwAccounts;
+            stOut.accounts_forgot = stIn.dwAccountsForgot;
+            stOut.stream_packets = stIn.dwStreamPackets;
+            stOut.stream_history = stIn.dwStreamHistory;
+            stOut.requests = stIn.dwRequests;
+            stOut.pull_backs = stIn.dwPullBacks;
+            stOut.latency = stIn.dwLatency;
+            Fill(info, info->size, stOut);
             return UDT_OK;
         });
 }

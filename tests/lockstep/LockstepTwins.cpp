@@ -448,6 +448,7 @@ std::string tagTwinCall::Text() const
     case CALL_START: snprintf(szText, sizeof(szText), "start"); break;
     case CALL_LOG_LEVEL: snprintf(szText, sizeof(szText), "log level %d", (int)llValue); break;
     case CALL_LOSE_USER: snprintf(szText, sizeof(szText), "lose user %llu", ullUin); break;
+    case CALL_GUARDS: snprintf(szText, sizeof(szText), "guards %d", (int)llValue); break;
     }
     static const char* const s_aDoors[] = {"", "release", "request", "parse"};
     if (eDoor == DOOR_NONE)
@@ -559,6 +560,22 @@ void CTwin<RIG>::TellReleasing()
          pst->wVidPkgIdxLeft, pst->wLostReqCnt, pst->dwMETimeStamp, pst->dwLastReqLostTime);
 }
 
+// Every guard stands, and none is in anybody's way: whatever comes, the receiver is to do what it does without.
+static void SetWideGuards(CAVGUdtRecv& recv, bool bOn)
+{
+    tagUDTRecvGuards stGuards;
+    if (bOn)
+    {
+        for (uint32* pdwMost :
+             {&stGuards.dwMaxIntakePackets, &stGuards.dwMaxIntakeBytes, &stGuards.dwMaxStreams,
+              &stGuards.dwMaxAccounts, &stGuards.dwMaxStreamPackets, &stGuards.dwMaxStreamHistory,
+              &stGuards.dwMaxRequestsPerSecond, &stGuards.dwMaxPullBacks, &stGuards.dwMaxLatency})
+            *pdwMost = 0xFFFFFFFF;
+    }
+    recv.SetGuards(stGuards);
+}
+static void SetWideGuards(plain::CAVGUdtRecv&, bool) {}
+
 template <class RIG>
 void CTwin<RIG>::Do(const tagTwinCall& stCall)
 {
@@ -605,6 +622,7 @@ void CTwin<RIG>::Do(const tagTwinCall& stCall)
     case CALL_START: recv.Start(); break;
     case CALL_LOG_LEVEL: LogSetLevel((UDT_LOG_LEVEL)stCall.llValue); break;
     case CALL_LOSE_USER: m_rig.EraseUser(stCall.ullUin); break;
+    case CALL_GUARDS: SetWideGuards(recv, stCall.llValue != 0); break;
     }
 }
 
@@ -616,6 +634,8 @@ CTwins::CTwins(const tagTwinSetup& stSetup)
     m_fast.m_rig.m_pCB() = stSetup.bWithOwner ? &m_fast : nullptr;
     m_plain.m_rig.m_pCB() = stSetup.bWithOwner ? &m_plain : nullptr;
     m_fast.m_pClock = m_plain.m_pClock = &m_fast.m_rig.m_clock;
+    if (stSetup.bGuards)
+        SetWideGuards(m_fast.m_rig.m_recv, true);
     LogSetLevel((UDT_LOG_LEVEL)m_nLogLevel);
 }
 

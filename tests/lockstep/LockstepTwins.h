@@ -32,7 +32,8 @@ enum emTwinCall
     CALL_STOP,
     CALL_START,
     CALL_LOG_LEVEL, ///< LogSetLevel: which lines are written changes, what the receivers are does not
-    CALL_LOSE_USER  ///< a user's timeline goes while the streams stay
+    CALL_LOSE_USER, ///< a user's timeline goes while the streams stay
+    CALL_GUARDS     ///< SetGuards on the one that has it, with limits that nobody reaches, or 0 for none
 };
 
 /// A call from inside a callback: at the `dwDoorCount`-th callback of that kind from now on.
@@ -64,6 +65,7 @@ struct tagTwinSetup
     uint64 ullTick = 1000;
     int nLogLevel = LOG_LEVEL_DEBUG;
     bool bWithOwner = true;
+    bool bGuards = false;      ///< the receiver has guards that nobody reaches, the plain one has none
     uint32 dwCompareEvery = 1; ///< turns between two comparisons of everything
 };
 

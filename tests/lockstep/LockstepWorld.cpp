@@ -441,7 +441,7 @@ tagUDTRecvParams CLockstepWorld::AnyParams()
 
 tagTwinCall CLockstepWorld::Knob()
 {
-    switch (m_chance.Below(m_bCalm ? 13 : 18))
+    switch (m_chance.Below(m_bCalm ? 14 : 19))
     {
     case 0:
     case 1:
@@ -465,10 +465,11 @@ tagTwinCall CLockstepWorld::Knob()
     case 10: return Call(CALL_ROOM, m_chance.Of({3, 3, 3, 3, 0, 1, 2, 4, 0xFFFFFFFF}));
     case 11: return Call(CALL_ROOM, 3);
     case 12: return Call(CALL_LOG_LEVEL, m_chance.Of({1, 4, 5, 5}));
-    case 13: return Call(CALL_CLEAR, m_chance.Of({0, 1, 2, 7, 0xFF}), AnyUin());
-    case 14: return Call(CALL_ROOM, 3);
-    case 15: return Call(CALL_LOSE_USER, 0, AnyUin());
-    case 16: return m_chance.OneIn(2) ? Call(CALL_STOP) : Call(CALL_ROOM, 3);
+    case 13: return Call(CALL_GUARDS, m_chance.Of({0, 1, 1}));
+    case 14: return Call(CALL_CLEAR, m_chance.Of({0, 1, 2, 7, 0xFF}), AnyUin());
+    case 15: return Call(CALL_ROOM, 3);
+    case 16: return Call(CALL_LOSE_USER, 0, AnyUin());
+    case 17: return m_chance.OneIn(2) ? Call(CALL_STOP) : Call(CALL_ROOM, 3);
     default: return Call(CALL_START);
     }
 }

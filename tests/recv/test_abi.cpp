@@ -351,6 +351,29 @@ AT(tagRecvChnStatInfo, dwTotalLossPkgNum, 64, uint32);
 AT(tagRecvChnStatInfo, dwTotalReqFailNum, 68, uint32);
 static_assert(sizeof(tagRecvChnStatInfo) == 72, "nothing behind");
 
+AT(tagUDTRecvGuards, dwMaxIntakePackets, 0, uint32);
+AT(tagUDTRecvGuards, dwMaxIntakeBytes, 4, uint32);
+AT(tagUDTRecvGuards, dwMaxStreams, 8, uint32);
+AT(tagUDTRecvGuards, dwMaxAccounts, 12, uint32);
+AT(tagUDTRecvGuards, dwMaxStreamPackets, 16, uint32);
+AT(tagUDTRecvGuards, dwMaxStreamHistory, 20, uint32);
+AT(tagUDTRecvGuards, dwMaxRequestsPerSecond, 24, uint32);
+AT(tagUDTRecvGuards, dwMaxPullBacks, 28, uint32);
+AT(tagUDTRecvGuards, dwMaxLatency, 32, uint32);
+static_assert(sizeof(tagUDTRecvGuards) == 36, "nothing behind");
+
+AT(tagUDTRecvGuardInfo, dwIntakePackets, 0, uint32);
+AT(tagUDTRecvGuardInfo, dwIntakeBytes, 4, uint32);
+AT(tagUDTRecvGuardInfo, dwStreams, 8, uint32);
+AT(tagUDTRecvGuardInfo, dwAccounts, 12, uint32);
+AT(tagUDTRecvGuardInfo, dwAccountsForgot, 16, uint32);
+AT(tagUDTRecvGuardInfo, dwStreamPackets, 20, uint32);
+AT(tagUDTRecvGuardInfo, dwStreamHistory, 24, uint32);
+AT(tagUDTRecvGuardInfo, dwRequests, 28, uint32);
+AT(tagUDTRecvGuardInfo, dwPullBacks, 32, uint32);
+AT(tagUDTRecvGuardInfo, dwLatency, 36, uint32);
+static_assert(sizeof(tagUDTRecvGuardInfo) == 40, "nothing behind");
+
 AT(tagUdtPacketHeadInfo, cHeadLen, 0, uint8);
 AT(tagUdtPacketHeadInfo, cSubType, 1, uint8);
 AT(tagUdtPacketHeadInfo, cFrmType, 2, uint8);
@@ -393,7 +416,8 @@ template <class T>
 class AbiRecordDefaults : public ::testing::Test
 {
 };
-typedef ::testing::Types<tagUDTRecvParams, tagRecvInfo, tagRecvChnStatInfo, tagUdtPacketHeadInfo>
+typedef ::testing::Types<tagUDTRecvParams, tagRecvInfo, tagRecvChnStatInfo, tagUDTRecvGuards,
+                         tagUDTRecvGuardInfo, tagUdtPacketHeadInfo>
     DenseRecords;
 TYPED_TEST_SUITE(AbiRecordDefaults, DenseRecords, );
 

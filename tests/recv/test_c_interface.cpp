@@ -300,6 +300,98 @@ TEST(CInterface, SettingsReachTheReceiverAndItsGetters)
     EXPECT_EQ(UDT_OK, udt_recv_get_loss(rig.m_pRecv, &stLoss));
 }
 
+// Each guard through its own field, told by the counter that is its own.
+TEST(CInterface, EveryGuardAndItsCounterHasItsField)
+{
+    const auto stPacket = [](uint32 dwSeq, uint32 dwMediaMs, uint64 ullAccount = c_ullAccount)
+    {
+        udt_packet st = AudioOfC(dwSeq, dwMediaMs);
+        st.account = ullAccount;
+        st.wire_bytes = 100;
+        return st;
+    };
+    struct tagRow
+    {
+        uint32_t udt_guards::*pGuard;
+        uint32_t udt_guard_info::*pCount;
+        uint32 dwMost;
+        std::vector<udt_packet> vecFeed;
+        uint32 dwWant;
+    };
+    const std::vector<tagRow> vecRows = {
+        {&udt_guards::intake_packets,
+         &udt_guard_info::intake_packets,
+         2,
+         {stPacket(1, 5000), stPacket(2, 5020), stPacket(3, 5040)},
+         1},
+        {&udt_guards::intake_bytes,
+         &udt_guard_info::intake_bytes,
+         250,
+         {stPacket(1, 5000), stPacket(2, 5020), stPacket(3, 5040), stPacket(4, 5060)},
+         2},
+        {&udt_guards::streams, &udt_guard_info::streams, 1, {stPacket(1, 5000), stPacket(1, 5000, 8)}, 1},
+        {&udt_guards::accounts, &udt_guard_info::accounts, 1, {stPacket(1, 5000), stPacket(1, 5000, 8)}, 1},
+        {&udt_guards::accounts,
+         &udt_guard_info::accounts_forgot,
+         1,
+         {stPacket(1, 5000), stPacket(1, 5000, 8)},
+         1},
+        {&udt_guards::stream_packets,
+         &udt_guard_info::stream_packets,
+         1,
+         {stPacket(1, 5000), stPacket(2, 9000), stPacket(3, 9020)},
+         1},
+        {&udt_guards::stream_history,
+         &udt_guard_info::stream_history,
+         1,
+         {stPacket(1, 5000), stPacket(2, 9000)},
+         1},
+        {&udt_guards::requests_per_second,
+         &udt_guard_info::requests,
+         1,
+         {stPacket(1, 5000), stPacket(2, 9000), stPacket(6, 9080)},
+         2},
+        {&udt_guards::latency_ms, &udt_guard_info::latency, 500, {stPacket(1, 5000), stPacket(2, 9000)}, 1},
+        {&udt_guards::pull_backs,
+         &udt_guard_info::pull_backs,
+         1,
+         {stPacket(1, 50000), stPacket(11, 20000), stPacket(12, 20000), stPacket(13, 20000),
+          stPacket(14, 20000), stPacket(15, 20000), stPacket(16, 1000)},
+         1},
+    };
+    for (const tagRow& stRow : vecRows)
+    {
+        SCOPED_TRACE(&stRow - vecRows.data());
+        CCRig rig(10000);
+        udt_guards stGuards = {};
+        stGuards.size = sizeof(stGuards);
+        stGuards.*stRow.pGuard = stRow.dwMost;
+        EXPECT_EQ(UDT_OK, udt_recv_set_guards(rig.m_pRecv, &stGuards));
+        uint64 ullTick = 10000;
+        for (const udt_packet& st : stRow.vecFeed)
+        {
+            udt_recv_feed(rig.m_pRecv, &st);
+            if (stRow.pGuard == &udt_guards::intake_packets || stRow.pGuard == &udt_guards::intake_bytes)
+                continue;
+            for (int i = 0; i < 60 && st.sender_seq == 1; ++i) // the first one starts the clock
+                udt_recv_run_turn_at(rig.m_pRecv, ullTick += 10);
+        }
+        for (int i = 0; i < 6; ++i)
+            udt_recv_run_turn_at(rig.m_pRecv, ullTick += 10);
+        udt_guard_info stInfo = {};
+        stInfo.size = sizeof(stInfo);
+        EXPECT_EQ(UDT_OK, udt_recv_get_guard_info(rig.m_pRecv, &stInfo));
+        EXPECT_EQ(stRow.dwWant, stInfo.*stRow.pCount);
+    }
+    EXPECT_EQ(UDT_E_ARGUMENT, udt_recv_set_guards(nullptr, nullptr));
+    EXPECT_EQ(UDT_E_ARGUMENT, udt_recv_get_guard_info(nullptr, nullptr));
+    CCRig rig(1000);
+    udt_guards stGuards = {};
+    udt_guard_info stInfo = {};
+    EXPECT_EQ(UDT_E_SIZE, udt_recv_set_guards(rig.m_pRecv, &stGuards));
+    EXPECT_EQ(UDT_E_SIZE, udt_recv_get_guard_info(rig.m_pRecv, &stInfo));
+}
+
 TEST(CInterface, TheClockOfOneThreadIsNotThatOfAnother)
 {
     udt_clock_set(5000);

@@ -3,7 +3,8 @@
  * the same: callbacks, requests record by record, released packets with their whole record, log lines, returned
  * values; so are the receiver's own words and the packets it holds. After every turn everything else is as well:
  * streams, users, packets, histories, meters and getters. In one run of three that is looked at after every n-th
- * turn only, n up to 40, so that a receiver which puts something off is not made to catch up each time.
+ * turn only, n up to 40, so that a receiver which puts something off is not made to catch up each time. In every other
+ * run the receiver has all its guards, none of which is ever reached: the plain one has none and is still its equal.
  *
  * UDT_LOCKSTEP_TURNS sets the turns of the random test (20,000; 5,000 under the address sanitizer),
  * UDT_LOCKSTEP_SEED the seed (a new one per run). The seed is printed; a program of the same compiler runs the
@@ -78,6 +79,7 @@ void OneRun(CLockstepChance& chance, uint32 dwTurns, tagMet& stMet)
                                       : chance.Of({0, 0, 1, 1000, 5000, 0x7FFFFFFF, 0xFFFFFFFF});
     stSetup.nLogLevel = (int)chance.Of({5, 5, 5, 4, 4, 1});
     stSetup.bWithOwner = !chance.OneIn(25);
+    stSetup.bGuards = chance.OneIn(2);
     stSetup.dwCompareEvery = chance.OneIn(3) ? chance.Between(2, 40) : 1;
 
     std::vector<tagTwinCall> vecCalls;
@@ -131,8 +133,8 @@ void OneRun(CLockstepChance& chance, uint32 dwTurns, tagMet& stMet)
     ADD_FAILURE() << "turn " << stMet.ullTurns << ", call " << vecCalls.size() << " of the run: " << strWhat
                   << "\nsmaller: tick " << stSetup.ullTick << ", log level " << stSetup.nLogLevel
                   << ", compared every " << stSetup.dwCompareEvery << " turns"
-                  << (stSetup.bWithOwner ? "" : ", no owner") << ", " << vecFew.size() << " calls: " << strFew
-                  << "\n"
+                  << (stSetup.bWithOwner ? "" : ", no owner") << (stSetup.bGuards ? ", guards" : "") << ", "
+                  << vecFew.size() << " calls: " << strFew << "\n"
                   << FewCalls(vecFew);
 }
 
