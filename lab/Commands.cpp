@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include "Files.h"
+#include "ListenCommand.h"
 #include "MatrixCommand.h"
 #include "Replay.h"
 #include "ReplayReport.h"
@@ -136,6 +137,7 @@ int Main(int argc, char** argv)
     AddReplay(app, replay);
     CSimCommand simulate(app);
     CMatrixCommand matrix(app);
+    CListenCommand listen(app);
     CReportCommand report(app);
     try
     {
@@ -146,6 +148,8 @@ int Main(int argc, char** argv)
             return simulate.Run();
         if (app.got_subcommand("matrix"))
             return matrix.Run();
+        if (app.got_subcommand("listen"))
+            return listen.Run();
         if (app.got_subcommand("report"))
             return report.Run();
     }
@@ -156,7 +160,7 @@ int Main(int argc, char** argv)
         // A word that is no command is reported as if nothing had been asked for.
         if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty())
             return Complain(
-                fmt::format("\"{}\" is not a command (expected: replay, simulate, matrix or report)",
+                fmt::format("\"{}\" is not a command (expected: replay, simulate, matrix, listen or report)",
                             Printable(argv[1], 40)));
         return Complain(e.what());
     }

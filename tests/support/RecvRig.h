@@ -319,6 +319,7 @@ public:
     /// The inside of a receiver that somebody else owns: a simulation looks at clocks and buffers.
     static const MapUinInPkt& StreamsOf(const CAVGUdtRecv& recv) { return recv.m_mapUinInPkt; }
     static const MapUinDataInfo& UsersOf(const CAVGUdtRecv& recv) { return recv.m_mapUinDataInfo; }
+    static bool IsStopped(const CAVGUdtRecv& recv) { return recv.m_bStop != 0; }
 
 private:
     uint32 m_dwNextDownSeq = 2;

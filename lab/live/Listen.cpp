@@ -1,0 +1,838 @@
+// The network thread: sockets, impairment, the RTP side, feedback and timers, all in one poll loop. It hands packets
+// to the call and takes requests from it; the call's own worker does the rest.
+#include "Listen.h"
+
+#include "PlayedWriter.h"
+#include "RtpFeedback.h"
+#include "RtpIntake.h"
+#include "RtpPacket.h"
+#include "Udp.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <poll.h>
+#include <random>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace lab
+{
+
+namespace
+{
+
+constexpr uint64 c_ullSecondUs = 1000000;
+constexpr uint64 c_ullUnlockUs = 5 * c_ullSecondUs; // silence after which a port's source may be another one
+constexpr uint64 c_ullPliEveryUs = c_ullSecondUs;   // per stream
+constexpr uint64 c_ullPollDownlinkUs = 2 * c_ullSecondUs;
+constexpr uint32 c_dwTailMs = 3000; // what was dropped this late may come back or be played after the end
+constexpr int c_nIdleMs = 5;        // between looks at what was held for its frame
+constexpr int c_nDatagramsAtOnce = 64;
+
+bool SameHost(const tagRtpAddr& stA, const tagRtpAddr& stB)
+{
+    return stA.cFamily == stB.cFamily && stA.aAddr == stB.aAddr;
+}
+
+struct tagLock
+{
+    tagRtpAddr stSrc; // family 0: open
+    uint64 ullLastUs = 0;
+};
+
+// A port of RTP with its RTCP.
+struct tagDoor
+{
+    std::string strMedium;
+    tagRtpAddr stRtp;
+    tagRtpAddr stRtcp;
+    CFd fdRtp;
+    CFd fdRtcp; // not open: on the same port
+    tagLock stLock;
+    std::map<uint32, tagLock> mapLocks; // by SSRC, where sources may be many
+    tagRtpAddr stRtcpTo;
+    bool bRtcpToFixed = false;
+    std::map<uint32, CRtpReportSource> mapReports;
+    tagListenSource st;
+
+    const CFd& RtcpFd() const { return fdRtcp.IsOpen() ? fdRtcp : fdRtp; }
+};
+
+// The round trip, from the best that answers.
+class CRtt
+{
+public:
+    // The sender answered our reference time.
+    void Exact(double dMs)
+    {
+        if (!m_bExact)
+            m_bAny = false; // what answers told was with the sender's own delay
+        m_bExact = true;
+        Take(dMs);
+    }
+    // An answer to a request came this much later.
+    void Answer(double dMs)
+    {
+        if (!m_bExact)
+            Take(dMs);
+    }
+    bool Known() const { return m_bAny; }
+    bool IsExact() const { return m_bExact; }
+    double Ms() const { return m_dMs; }
+
+private:
+    void Take(double dMs)
+    {
+        m_dMs = m_bAny ? m_dMs + (dMs - m_dMs) / 8 : dMs;
+        m_bAny = true;
+    }
+    bool m_bAny = false;
+    bool m_bExact = false;
+    double m_dMs = 0;
+};
+
+class CListen
+{
+public:
+    CListen(const tagListenOptions& stOptions, const tagListenHooks& stHooks);
+    bool Open();
+    void Run();
+    tagListenResult Finish();
+    tagListenResult m_stResult;
+
+private:
+    // What came in
+    void Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort);
+    bool IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp);
+    void Deliver(const tagRtpDatagram& st, uint32 uDoor);
+    void LockNewStreams();
+    void Drain();
+    void OnEvent(const tagRtpEvent& stEvent);
+
+    // What goes out
+    void SendRequests();
+    void SendReports(bool bBye);
+    void Send(tagDoor& door, const tagRtcpFeedback& stFeedback);
+    void WantPli(uint32 uStream, uint64& ullCount, uint64 ullNowUs);
+    void TellRtt();
+    void OnReleased(CLivePacket& packet);
+    void ForwardTurn();
+
+    // Time
+    int PollTimeout(uint64 ullNowUs);
+    void Timers(uint64 ullNowUs);
+    tagListenFeedback FeedbackNow() const;
+    void GatherStreams();
+    void GatherDrops(uint64 ullEndUs);
+
+    struct tagKnown // of a stream of the intake
+    {
+        tagRtpStreamInfo stInfo; // as it began
+        uint32 uDoor = 0;
+        uint64 ullLastPliUs = 0;
+    };
+    struct tagAsked
+    {
+        uint64 ullUs;
+        uint32 dwTimes;
+    };
+    struct tagForward
+    {
+        uint32 dwMediaMs;
+        uint8 cSubType;
+        std::vector<uint8> vecBytes;
+    };
+
+    const tagListenOptions& m_stOptions;
+    const tagListenHooks& m_stHooks;
+    std::vector<std::unique_ptr<tagDoor>> m_vecDoors;
+    CFd m_fdWake;
+    CFd m_fdSignal;
+    CFd m_fdForward4;
+    CFd m_fdForward6;
+    std::unique_ptr<CPlayedWriter> m_pWriter;
+    CRtpIntake m_intake;
+    CImpair m_impair;
+    CRtpShaper m_shaper;
+    std::unique_ptr<CLiveCall> m_pCall;
+    std::vector<tagKnown> m_vecKnown;
+    std::vector<tagForward> m_vecForward; // of the turn being made; worker, call's lock
+    uint64 m_ullForwarded = 0;
+    CRtt m_rtt;
+    uint32 m_dwRttTold = 0;
+    std::map<tagRtpAsk, tagAsked> m_mapAsked; // for the round trip
+    tagListenFeedback m_stFeedback;
+    uint32 m_dwSsrc = 0;
+    std::string m_strCname;
+    std::mt19937 m_random;
+    uint64 m_ullNextReportUs = 0;
+    uint64 m_ullNextSecondUs = 0;
+    uint64 m_ullNextPollUs = 0;
+    uint64 m_ullBeganUs = 0;
+    uint64 m_ullLastMediaUs = 0;
+    bool m_bStop = false;
+    std::vector<uint8> m_vecBuffer;
+};
+
+tagRtpOptions LiveRtp(const tagListenOptions& stOptions)
+{
+    tagRtpOptions st = stOptions.stRtp;
+    st.bLive = true;
+    return st;
+}
+
+CListen::CListen(const tagListenOptions& stOptions, const tagListenHooks& stHooks)
+    : m_stOptions(stOptions), m_stHooks(stHooks), m_intake(LiveRtp(stOptions)), m_impair(stOptions.stImpair),
+      m_shaper(stOptions.stShaper), m_random(std::random_device()()), m_vecBuffer(65536)
+{
+    m_dwSsrc = (uint32)m_random();
+    m_strCname = fmt::format("udtlab-{:08x}{:08x}", (uint32)m_random(), (uint32)m_random());
+}
+
+// ---- Opening ----
+
+bool CListen::Open()
+{
+    std::string& strError = m_stResult.strError;
+    tagRtpAddr stBind;
+    if (!ParseAddress(m_stOptions.strBind, stBind, strError))
+        return false;
+    for (const tagListenPort& stPort : m_stOptions.vecPorts)
+    {
+        auto pDoor = std::make_unique<tagDoor>();
+        pDoor->strMedium = stPort.strMedium;
+        pDoor->bRtcpToFixed = stPort.stRtcpTo.cFamily != 0;
+        pDoor->stRtcpTo = stPort.stRtcpTo;
+        // A pair of free ports may need some tries: the one above a free port is not always free.
+        for (int nTry = 0;; nTry++)
+        {
+            const bool bTryAgain = stPort.wPort == 0 && nTry < 50;
+            pDoor->stRtp = stBind;
+            pDoor->stRtp.wPort = stPort.wPort;
+            if (!BindUdp(pDoor->stRtp, pDoor->fdRtp, strError))
+                return false;
+            pDoor->stRtcp = pDoor->stRtp;
+            if (m_stOptions.bRtcpMux)
+                break;
+            pDoor->stRtcp.wPort = (uint16)(pDoor->stRtp.wPort + 1);
+            if (pDoor->stRtcp.wPort != 0 && BindUdp(pDoor->stRtcp, pDoor->fdRtcp, strError))
+                break;
+            if (!bTryAgain)
+                return false;
+            strError.clear();
+        }
+        strError.clear();
+        pDoor->st.strMedium = pDoor->strMedium;
+        pDoor->st.strListens = pDoor->stRtp.Text();
+        pDoor->st.strRtcp = pDoor->stRtcp.Text();
+        m_vecDoors.push_back(std::move(pDoor));
+    }
+    if (!m_stOptions.strOut.empty() && !(m_pWriter = CPlayedWriter::Open(m_stOptions.strOut, strError)))
+        return false;
+    m_fdWake = CFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (m_stOptions.bSignals)
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGINT);
+        sigaddset(&set, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr); // threads made later inherit it
+        m_fdSignal = CFd(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+    }
+    if (!m_stOptions.vecForward.empty())
+    {
+        m_fdForward4 = CFd(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        m_fdForward6 = CFd(socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    }
+
+    tagLiveOptions stLive;
+    stLive.bLowLatency = m_stOptions.bLowLatency;
+    stLive.uPlayDelayMs = m_stOptions.uPlayDelayMs;
+    stLive.nLogLevel = m_stOptions.nLogLevel;
+    stLive.fnLog = m_stOptions.fnLog;
+    stLive.bKeepBytes = m_pWriter != nullptr || !m_stOptions.vecForward.empty();
+    if (stLive.bKeepBytes)
+        stLive.fnReleased = [this](CLivePacket& packet, uint32) { OnReleased(packet); };
+    if (!m_stOptions.vecForward.empty())
+        stLive.fnTurnEnds = [this]() { ForwardTurn(); };
+    stLive.fnWake = [this]()
+    {
+        const uint64_t ullOne = 1;
+        (void)!write(m_fdWake.Get(), &ullOne, sizeof(ullOne));
+    };
+    m_pCall = std::make_unique<CLiveCall>(stLive);
+    return true;
+}
+
+// ---- The loop ----
+
+void CListen::Run()
+{
+    m_ullBeganUs = LiveNowUs();
+    m_ullNextSecondUs = m_ullBeganUs + c_ullSecondUs;
+    m_ullNextReportUs = m_ullBeganUs + c_ullSecondUs / 2;
+    m_ullNextPollUs = m_ullBeganUs + c_ullPollDownlinkUs;
+    m_pCall->Start();
+    if (m_stHooks.fnReady)
+    {
+        std::vector<tagListenSource> vec;
+        for (const auto& pDoor : m_vecDoors)
+            vec.push_back(pDoor->st);
+        m_stHooks.fnReady(vec);
+    }
+
+    std::vector<pollfd> vecPoll;
+    const auto add = [&vecPoll](const CFd& fd) { vecPoll.push_back({fd.Get(), POLLIN, 0}); };
+    for (const auto& pDoor : m_vecDoors)
+    {
+        add(pDoor->fdRtp);
+        add(pDoor->fdRtcp); // negative where there is none: poll passes it over
+    }
+    add(m_fdWake);
+    add(m_fdSignal);
+    while (!m_bStop)
+    {
+        if (poll(vecPoll.data(), vecPoll.size(), PollTimeout(LiveNowUs())) < 0 && errno != EINTR)
+            break;
+        for (size_t i = 0; i < m_vecDoors.size(); i++)
+        {
+            if (vecPoll[2 * i].revents != 0)
+                Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtp, (uint32)i, false);
+            if (vecPoll[2 * i + 1].revents != 0)
+                Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtcp, (uint32)i, true);
+        }
+        uint64_t ullCount = 0;
+        if (vecPoll[2 * m_vecDoors.size()].revents != 0)
+            (void)!read(m_fdWake.Get(), &ullCount, sizeof(ullCount));
+        if (vecPoll.back().revents != 0)
+        {
+            signalfd_siginfo stSignal;
+            if (read(m_fdSignal.Get(), &stSignal, sizeof(stSignal)) == sizeof(stSignal))
+                m_bStop = true;
+        }
+        const uint64 ullNowUs = LiveNowUs();
+        tagHeldDatagram stHeld;
+        while (m_impair.Take(ullNowUs, stHeld))
+            Deliver(stHeld.st, stHeld.uDoor);
+        m_intake.Advance(ullNowUs);
+        Drain();
+        SendRequests();
+        Timers(ullNowUs);
+    }
+    SendReports(true);
+}
+
+int CListen::PollTimeout(uint64 ullNowUs)
+{
+    // Packets held a few ms for their frame leave when time moves on.
+    uint64 ullWhenUs = ullNowUs + (ullNowUs - m_ullLastMediaUs < c_ullSecondUs ? c_nIdleMs : 50) * 1000ull;
+    uint64 ullOther = 0;
+    if (m_impair.NextUs(ullOther))
+        ullWhenUs = std::min(ullWhenUs, ullOther);
+    if (m_shaper.NextUs(ullOther))
+        ullWhenUs = std::min(ullWhenUs, ullOther);
+    ullWhenUs = std::min({ullWhenUs, m_ullNextReportUs, m_ullNextSecondUs});
+    return ullWhenUs <= ullNowUs ? 0 : (int)((ullWhenUs - ullNowUs + 999) / 1000);
+}
+
+void CListen::Timers(uint64 ullNowUs)
+{
+    if (ullNowUs >= m_ullNextReportUs)
+    {
+        SendReports(false);
+        // RFC 3550 6.3.5: half to one and a half times the interval, so that many receivers do not fall into step.
+        m_ullNextReportUs = ullNowUs + c_ullSecondUs / 2 + m_random() % c_ullSecondUs;
+    }
+    if (ullNowUs >= m_ullNextPollUs)
+    {
+        m_ullNextPollUs = ullNowUs + c_ullPollDownlinkUs;
+        m_pCall->PollDownlink();
+    }
+    if (ullNowUs >= m_ullNextSecondUs)
+    {
+        m_ullNextSecondUs += c_ullSecondUs;
+        TellRtt();
+        if (m_stHooks.fnSecond)
+        {
+            tagListenNow stNow;
+            stNow.dwRunMs = m_pCall->StartUs() == 0 ? 0 : m_pCall->RunMs();
+            stNow.ullDropped = m_impair.Dropped();
+            stNow.stFeedback = FeedbackNow();
+            for (uint32 i = 0; i < m_intake.StreamCount(); i++)
+                stNow.vecStreams.push_back(m_intake.Stream(i));
+            m_pCall->Snapshot(stNow.stStats);
+            m_stHooks.fnSecond(stNow);
+        }
+    }
+    if (m_stOptions.dwDurationMs != 0 && ullNowUs - m_ullBeganUs >= m_stOptions.dwDurationMs * 1000ull)
+        m_bStop = true;
+    if (m_stOptions.pStop != nullptr && *m_stOptions.pStop)
+        m_bStop = true;
+}
+
+// ---- What comes in ----
+
+void CListen::Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort)
+{
+    for (int i = 0; i < c_nDatagramsAtOnce; i++)
+    {
+        sockaddr_storage stFrom = {};
+        socklen_t nFrom = sizeof(stFrom);
+        const ssize_t nGot = recvfrom(fd.Get(), m_vecBuffer.data(), m_vecBuffer.size(), 0,
+                                      reinterpret_cast<sockaddr*>(&stFrom), &nFrom);
+        if (nGot < 0)
+            return;
+        tagRtpDatagram st;
+        st.ullArrivalUs = LiveNowUs();
+        st.stSrc = FromSockaddr(stFrom);
+        st.stDst = bRtcpPort ? door.stRtcp : door.stRtp;
+        st.pData = m_vecBuffer.data();
+        st.dwCaptured = st.dwWire = (uint32)nGot;
+        if (!IsWelcome(door, st, bRtcpPort || IsRtcp(st.pData, st.dwCaptured)))
+            continue;
+        door.st.ullDatagrams++;
+        if (!m_stOptions.stImpair.Any())
+        {
+            Deliver(st, uDoor);
+            continue;
+        }
+        tagDropped stDropped;
+        if (!m_impair.Put(st, uDoor, stDropped))
+            m_pCall->Dropped(stDropped);
+    }
+}
+
+// A port is held to the source of its stream: whoever else sends there is counted and not listened to. RTCP may come
+// from another port of the same host. A source that fell silent gives way.
+bool CListen::IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp)
+{
+    if (bRtcp)
+    {
+        bool bKnown = door.stLock.stSrc.cFamily == 0 || SameHost(door.stLock.stSrc, st.stSrc);
+        if (m_stOptions.bAnySource)
+            bKnown = true;
+        if (!bKnown)
+            door.st.ullForeignRtcp++;
+        else if (!door.bRtcpToFixed)
+            door.stRtcpTo = st.stSrc;
+        return bKnown;
+    }
+    tagLock* pLock = &door.stLock;
+    if (m_stOptions.bAnySource)
+    {
+        tagRtpHeader stHeader;
+        emRtpDrop eReason = RTP_DROP_NOT_RTP;
+        if (!ParseRtp(st.pData, st.dwCaptured, st.dwWire, stHeader, eReason))
+            return true; // the intake says why not
+        const auto it = door.mapLocks.find(stHeader.dwSsrc);
+        if (it == door.mapLocks.end())
+            return true;
+        pLock = &it->second;
+    }
+    if (pLock->stSrc.cFamily == 0)
+        return true;
+    if (!(pLock->stSrc == st.stSrc))
+    {
+        if (st.ullArrivalUs - pLock->ullLastUs < c_ullUnlockUs)
+        {
+            door.st.ullForeign++;
+            return false;
+        }
+        *pLock = tagLock();
+        door.st.ullRelocked++;
+        if (!m_stOptions.bAnySource && !door.bRtcpToFixed)
+            door.stRtcpTo = tagRtpAddr();
+        // Its streams are still the intake's, so the one who goes on with them is taken for the sender from here.
+        tagRtpHeader stHeader;
+        emRtpDrop eReason = RTP_DROP_NOT_RTP;
+        if (ParseRtp(st.pData, st.dwCaptured, st.dwWire, stHeader, eReason) &&
+            std::any_of(m_vecKnown.begin(), m_vecKnown.end(),
+                        [&](const tagKnown& stKnown) { return stKnown.stInfo.dwSsrc == stHeader.dwSsrc; }))
+            *pLock = {st.stSrc, st.ullArrivalUs};
+        return true;
+    }
+    pLock->ullLastUs = st.ullArrivalUs;
+    return true;
+}
+
+void CListen::Deliver(const tagRtpDatagram& st, uint32 uDoor)
+{
+    tagDoor& door = *m_vecDoors[uDoor];
+    if (IsRtcp(st.pData, st.dwCaptured))
+    {
+        uint32 dwLrr = 0;
+        uint32 dwDlrr = 0;
+        if (FindDlrr(st.pData, st.dwCaptured, m_dwSsrc, dwLrr, dwDlrr))
+        {
+            const int32 nSpan = (int32)(NtpMiddle(UnixUsToNtp(st.ullArrivalUs)) - dwLrr - dwDlrr);
+            m_rtt.Exact(nSpan < 0 ? 0 : (double)NtpSpanToUs((uint32)nSpan) / 1000.0);
+        }
+    }
+    else
+    {
+        m_ullLastMediaUs = st.ullArrivalUs;
+        tagRtpHeader stHeader;
+        emRtpDrop eReason = RTP_DROP_NOT_RTP;
+        if (ParseRtp(st.pData, st.dwCaptured, st.dwWire, stHeader, eReason))
+        {
+            const auto it = std::find_if(m_vecKnown.begin(), m_vecKnown.end(),
+                                         [&](const tagKnown& stKnown)
+                                         { return stKnown.stInfo.dwSsrc == stHeader.dwSsrc; });
+            if (it != m_vecKnown.end())
+                door.mapReports[stHeader.dwSsrc].OnPacket(stHeader.wSeq, stHeader.dwTs, st.ullArrivalUs,
+                                                          it->stInfo.stFormat.dwClock);
+        }
+    }
+    m_intake.Push(st);
+    LockNewStreams();
+    Drain();
+}
+
+void CListen::LockNewStreams()
+{
+    for (uint32 i = (uint32)m_vecKnown.size(); i < m_intake.StreamCount(); i++)
+    {
+        tagKnown stKnown;
+        stKnown.stInfo = m_intake.Stream(i);
+        for (size_t nDoor = 0; nDoor < m_vecDoors.size(); nDoor++)
+        {
+            tagDoor& door = *m_vecDoors[nDoor];
+            if (!(door.stRtp == stKnown.stInfo.stDst))
+                continue;
+            stKnown.uDoor = (uint32)nDoor;
+            const tagLock stLock{stKnown.stInfo.stSrc, LiveNowUs()};
+            if (door.stLock.stSrc.cFamily == 0)
+                door.stLock = stLock;
+            if (m_stOptions.bAnySource)
+                door.mapLocks[stKnown.stInfo.dwSsrc] = stLock;
+            if (m_stOptions.bRtcpMux && !door.bRtcpToFixed && door.stRtcpTo.cFamily == 0)
+                door.stRtcpTo = stKnown.stInfo.stSrc;
+        }
+        m_vecKnown.push_back(stKnown);
+    }
+}
+
+void CListen::Drain()
+{
+    tagRtpMedia stMedia;
+    while (m_intake.Pop(stMedia))
+    {
+        const uint32 dwSsrc = m_vecKnown[stMedia.dwStream].stInfo.dwSsrc;
+        m_shaper.Arrived(dwSsrc, stMedia.dwSendSeq);
+        const auto it = m_mapAsked.find({dwSsrc, stMedia.dwSendSeq});
+        if (it != m_mapAsked.end())
+        {
+            // Asked twice, nobody knows which of the two was answered.
+            if (it->second.dwTimes == 1)
+                m_rtt.Answer((double)(stMedia.ullArrivalUs - it->second.ullUs) / 1000.0);
+            m_mapAsked.erase(it);
+        }
+        m_pCall->Feed(stMedia, dwSsrc);
+    }
+    tagRtpEvent stEvent;
+    while (m_intake.PopEvent(stEvent))
+        OnEvent(stEvent);
+}
+
+void CListen::OnEvent(const tagRtpEvent& stEvent)
+{
+    if (stEvent.eType != RTP_EVENT_SR)
+        return;
+    for (const auto& pDoor : m_vecDoors)
+    {
+        const auto it = pDoor->mapReports.find(stEvent.dwSenderSsrc);
+        if (it != pDoor->mapReports.end())
+            it->second.OnSenderReport(stEvent.ullNtp, stEvent.ullArrivalUs);
+    }
+}
+
+// ---- What goes out ----
+
+void CListen::WantPli(uint32 uStream, uint64& ullCount, uint64 ullNowUs)
+{
+    if (uStream >= m_vecKnown.size() || m_stOptions.bNoRequests)
+        return;
+    tagKnown& stKnown = m_vecKnown[uStream];
+    if (stKnown.ullLastPliUs != 0 && ullNowUs - stKnown.ullLastPliUs < c_ullPliEveryUs)
+        return;
+    tagDoor& door = *m_vecDoors[stKnown.uDoor];
+    if (door.stRtcpTo.cFamily == 0)
+        return; // asked again with the next packet
+    stKnown.ullLastPliUs = ullNowUs;
+    ullCount++;
+    tagRtcpFeedback stFeedback;
+    stFeedback.vecPlis.push_back(stKnown.stInfo.dwSsrc);
+    Send(door, stFeedback);
+}
+
+void CListen::SendRequests()
+{
+    const uint64 ullNowUs = LiveNowUs();
+    std::vector<tagLiveAsk> vecAsks;
+    std::vector<tagLivePli> vecPlis;
+    m_pCall->Take(vecAsks, vecPlis);
+    for (const tagLivePli& st : vecPlis)
+        WantPli(st.uStream, st.bLost ? m_stFeedback.ullPlisLostKey : m_stFeedback.ullPlisNoKey, ullNowUs);
+    if (m_stOptions.bNoRequests)
+        return;
+    if (m_rtt.Known())
+        m_shaper.SetRtt((uint32)(m_rtt.Ms() + 0.5));
+    for (const tagLiveAsk& st : vecAsks)
+        m_shaper.Ask(m_vecKnown[st.uStream].stInfo.dwSsrc, st.dwSendSeq, ullNowUs);
+
+    std::vector<tagRtpAsk> vecNacks;
+    std::vector<uint32> vecGivenUp;
+    m_shaper.Take(ullNowUs, vecNacks, vecGivenUp);
+    std::map<uint32, std::map<uint32, std::vector<uint16>>> mapByDoor;
+    for (const tagRtpAsk& st : vecNacks)
+    {
+        for (const tagKnown& stKnown : m_vecKnown)
+        {
+            if (stKnown.stInfo.dwSsrc != st.dwSsrc)
+                continue;
+            mapByDoor[stKnown.uDoor][st.dwSsrc].push_back((uint16)st.dwSeq);
+            break;
+        }
+        tagAsked& stAsked = m_mapAsked.emplace(st, tagAsked{ullNowUs, 0}).first->second;
+        stAsked.dwTimes++;
+    }
+    for (const auto& itDoor : mapByDoor)
+    {
+        tagRtcpFeedback stFeedback;
+        for (const auto& itSsrc : itDoor.second)
+        {
+            stFeedback.vecNacks.emplace_back(itSsrc.first, itSsrc.second);
+            m_stFeedback.ullNackedSeqs += itSsrc.second.size();
+        }
+        m_stFeedback.ullNacks++;
+        Send(*m_vecDoors[itDoor.first], stFeedback);
+    }
+    for (const uint32 dwSsrc : vecGivenUp)
+        for (uint32 i = 0; i < m_vecKnown.size(); i++)
+            if (m_vecKnown[i].stInfo.dwSsrc == dwSsrc &&
+                m_vecKnown[i].stInfo.stFormat.eKind == RTP_KIND_VIDEO)
+                WantPli(i, m_stFeedback.ullPlisGaveUp, ullNowUs);
+}
+
+void CListen::SendReports(bool bBye)
+{
+    const uint64 ullNowUs = LiveNowUs();
+    for (const auto& pDoor : m_vecDoors)
+    {
+        tagRtcpFeedback stFeedback;
+        for (auto& itSource : pDoor->mapReports)
+            if (itSource.second.IsActive())
+                stFeedback.vecBlocks.push_back(itSource.second.Report(itSource.first, ullNowUs));
+        if (pDoor->mapReports.empty())
+            continue;
+        stFeedback.bReferenceTime = !bBye;
+        stFeedback.ullNtp = UnixUsToNtp(ullNowUs);
+        stFeedback.bBye = bBye;
+        m_stFeedback.ullReports++;
+        Send(*pDoor, stFeedback);
+    }
+    // Packets that never came.
+    for (auto it = m_mapAsked.begin(); it != m_mapAsked.end();)
+        it = ullNowUs - it->second.ullUs > 10 * c_ullSecondUs ? m_mapAsked.erase(it) : std::next(it);
+}
+
+void CListen::Send(tagDoor& door, const tagRtcpFeedback& stAsked)
+{
+    if (door.stRtcpTo.cFamily == 0)
+    {
+        m_stFeedback.ullUnsent++;
+        return;
+    }
+    tagRtcpFeedback stFeedback = stAsked;
+    stFeedback.dwSsrc = m_dwSsrc;
+    stFeedback.strCname = m_strCname;
+    stFeedback.bReducedSize = m_stOptions.bReducedSize;
+    for (const std::vector<uint8>& vecDatagram : BuildRtcp(stFeedback))
+        SendUdp(door.RtcpFd(), door.stRtcpTo, vecDatagram.data(), vecDatagram.size());
+}
+
+// The receiver paces its requests by it and never takes back what it adds to its delay: small changes are not told.
+void CListen::TellRtt()
+{
+    if (!m_rtt.Known())
+        return;
+    const double dMs = m_rtt.Ms();
+    const double dStep = std::max(5.0, 0.1 * m_dwRttTold);
+    if (m_dwRttTold != 0 && std::abs(dMs - m_dwRttTold) < dStep)
+        return;
+    m_dwRttTold = std::max(1u, (uint32)(dMs + 0.5));
+    m_pCall->SetRtt(m_dwRttTold);
+}
+
+// Worker, the call's lock held.
+void CListen::OnReleased(CLivePacket& packet)
+{
+    if (m_pWriter)
+        m_pWriter->Write(packet, LiveNowUs());
+    if (!m_stOptions.vecForward.empty())
+        m_vecForward.push_back({packet.Head().uTimeStamp, packet.m_cSubType, packet.m_vecBytes});
+}
+
+// A turn plays stream by stream; whoever listens behind us gets it in the order of the media.
+void CListen::ForwardTurn()
+{
+    std::stable_sort(m_vecForward.begin(), m_vecForward.end(),
+                     [](const tagForward& stA, const tagForward& stB)
+                     { return (int32)(stA.dwMediaMs - stB.dwMediaMs) < 0; });
+    for (const tagForward& st : m_vecForward)
+    {
+        const char* pszMedium = st.cSubType == MEAVAudio ? "audio" : "video";
+        for (const auto& itTo : m_stOptions.vecForward)
+        {
+            if (!itTo.first.empty() && itTo.first != pszMedium)
+                continue;
+            SendUdp(itTo.second.cFamily == 4 ? m_fdForward4 : m_fdForward6, itTo.second, st.vecBytes.data(),
+                    st.vecBytes.size());
+            m_ullForwarded++;
+        }
+    }
+    m_vecForward.clear();
+}
+
+// ---- Figures ----
+
+tagListenFeedback CListen::FeedbackNow() const
+{
+    tagListenFeedback st = m_stFeedback;
+    st.bRtt = m_rtt.Known();
+    st.dRttMs = m_rtt.Ms();
+    st.strRttFrom = !st.bRtt ? "" : m_rtt.IsExact() ? "XR" : "answers";
+    st.stShaper = m_shaper.Totals();
+    return st;
+}
+
+void CListen::GatherStreams()
+{
+    tagReplayResult& stResult = m_stResult.st;
+    for (uint32 i = 0; i < m_intake.StreamCount(); i++)
+    {
+        tagStreamResult st = m_pCall->StreamResult(i);
+        st.stInfo = m_intake.Stream(i);
+        const std::string strName =
+            st.stInfo.strCname.empty() ? fmt::format("SSRC {:08x}", st.stInfo.dwSsrc) : st.stInfo.strCname;
+        for (tagUdtStreamStats& stStats : stResult.stStats.vecStreams)
+        {
+            if (!st.bFed || stStats.llAccount != st.stInfo.llAccount ||
+                stStats.dwSubType != st.stInfo.cSubType)
+                continue;
+            stStats.strUser = strName;
+            st.stStats = stStats;
+        }
+        stResult.vecStreams.push_back(st);
+        if (!st.bFed)
+            continue;
+        const uint64 llAccount = st.stInfo.llAccount;
+        auto it =
+            std::find_if(stResult.vecUsers.begin(), stResult.vecUsers.end(),
+                         [llAccount](const tagUserResult& stUser) { return stUser.llAccount == llAccount; });
+        if (it == stResult.vecUsers.end())
+        {
+            tagUserResult stUser;
+            stUser.llAccount = llAccount;
+            stUser.strName = strName;
+            m_pCall->PutAvOffset(stUser);
+            it = stResult.vecUsers.insert(stResult.vecUsers.end(), stUser);
+        }
+        it->vecStreams.push_back(i);
+    }
+}
+
+void CListen::GatherDrops(uint64 ullEndUs)
+{
+    const CDropList& drops = m_pCall->Drops();
+    const uint64 ullStartUs = m_pCall->StartUs();
+    for (const auto& itAll : drops.Fates())
+    {
+        tagListenDrops st;
+        st.dwSsrc = itAll.first;
+        st.stAll = itAll.second;
+        uint64 ullSinceUs = ullStartUs + m_stOptions.dwWarmUpMs * 1000ull;
+        for (uint32 i = 0; i < m_vecKnown.size(); i++)
+        {
+            if (m_vecKnown[i].stInfo.dwSsrc != st.dwSsrc)
+                continue;
+            st.nStream = (int)i;
+            st.bAnswers = m_vecKnown[i].stInfo.stFormat.eKind == RTP_KIND_RTX;
+            if (!st.bAnswers)
+                ullSinceUs += m_pCall->FirstMs(i) * 1000ull;
+            break;
+        }
+        const auto mapCounted = drops.Fates(ullSinceUs, ullEndUs - c_dwTailMs * 1000ull);
+        const auto itCounted = mapCounted.find(st.dwSsrc);
+        if (itCounted != mapCounted.end())
+            st.stCounted = itCounted->second;
+        m_stResult.vecDrops.push_back(st);
+    }
+    m_stResult.vecDropList = drops.Entries();
+}
+
+tagListenResult CListen::Finish()
+{
+    tagReplayResult& st = m_stResult.st;
+    const uint32 dwRunMs = m_pCall->StartUs() == 0 ? 0 : m_pCall->RunMs();
+    const uint64 ullEndUs = LiveNowUs();
+    m_pCall->Stop();
+    GatherDrops(ullEndUs);
+    for (const auto& pDoor : m_vecDoors)
+    {
+        pDoor->st.strLockedTo = pDoor->stLock.stSrc.Text();
+        pDoor->st.strRtcpTo = pDoor->stRtcpTo.Text();
+        m_stResult.vecSources.push_back(pDoor->st);
+        st.stOptions.vecCaptures.push_back(fmt::format("{} on {}", pDoor->strMedium, pDoor->st.strListens));
+    }
+    st.stOptions.bLowLatency = m_stOptions.bLowLatency;
+    st.stOptions.uPlayDelayMs = m_stOptions.uPlayDelayMs;
+    st.stOptions.bEndReport = m_stOptions.bEndReport;
+    st.ullStartUs = m_pCall->StartUs();
+    st.bPlayed = st.ullStartUs != 0;
+    st.dwRunMs = dwRunMs;
+    st.dwDurationMs = st.bPlayed && m_ullLastMediaUs > st.ullStartUs
+                          ? (uint32)((m_ullLastMediaUs - st.ullStartUs) / 1000)
+                          : 0;
+    m_pCall->Snapshot(st.stStats);
+    GatherStreams();
+    st.stTotals = m_intake.Totals();
+    st.vecGuesses = m_intake.Guesses();
+    st.ullPullBacks = m_pCall->Checks().PullBacks();
+    st.vecEndReport = m_pCall->EndReport();
+    st.ullBroken = m_pCall->Checks().Broken();
+    st.vecViolations = m_pCall->Checks().Violations();
+    if (m_pWriter)
+    {
+        st.ullWritten = m_pWriter->Packets();
+        m_pWriter->Close(st.strOutputError);
+    }
+    m_stResult.stFeedback = FeedbackNow();
+    m_stResult.stImpair = m_stOptions.stImpair;
+    m_stResult.ullImpairSeen = m_impair.Rtp();
+    m_stResult.ullReordered = m_impair.Reordered();
+    m_stResult.dwWarmUpMs = m_stOptions.dwWarmUpMs;
+    m_stResult.dwTailMs = c_dwTailMs;
+    m_stResult.vecStalls = m_pCall->Stalls();
+    m_stResult.ullStalls = m_pCall->StallCount();
+    m_stResult.ullForwarded = m_ullForwarded;
+    return std::move(m_stResult);
+}
+
+} // namespace
+
+tagListenResult RunListen(const tagListenOptions& stOptions, const tagListenHooks& stHooks)
+{
+    CListen listen(stOptions, stHooks);
+    if (!listen.Open())
+        return std::move(listen.m_stResult);
+    listen.Run();
+    return listen.Finish();
+}
+
+} // namespace lab

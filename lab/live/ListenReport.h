@@ -1,0 +1,23 @@
+// The figures of a listened call, for people and for programs. docs/listen.md describes both.
+#ifndef LAB_LISTENREPORT_H
+#define LAB_LISTENREPORT_H
+
+#include "Listen.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+namespace lab
+{
+
+std::string ListenTable(const tagListenResult& stResult, bool bColours);
+nlohmann::ordered_json ListenJson(const tagListenResult& stResult);
+
+// While it runs: one line for a log, a few for a terminal.
+std::string ListenLine(const tagListenNow& stNow);
+std::vector<std::string> ListenLiveTable(const tagListenNow& stNow);
+
+} // namespace lab
+
+#endif

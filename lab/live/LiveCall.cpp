@@ -1,0 +1,393 @@
+#include "LiveCall.h"
+
+#include "RecvRig.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace lab
+{
+
+namespace
+{
+
+constexpr uint32 c_dwTurnSleepUs = 10000;
+constexpr size_t c_nStallsKept = 1000;
+
+} // namespace
+
+uint64 LiveTick()
+{
+    using namespace std::chrono;
+    return (uint64)duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+uint64 LiveNowUs()
+{
+    using namespace std::chrono;
+    static const int64 s_llOffset =
+        (int64)duration_cast<microseconds>(system_clock::now().time_since_epoch()).count() -
+        (int64)duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    return (uint64)((int64)duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count() +
+                    s_llOffset);
+}
+
+// The receiver with its own thread; only who makes the turns is told first.
+class CLiveCall::CReceiver : public CAVGUdtRecv
+{
+public:
+    CReceiver(IUDTRecvEventCallBack* pCB, CLiveCall& call) : CAVGUdtRecv(pCB), m_call(call) {}
+    ~CReceiver() override { Stop(); } // the worker must be gone before its Run is
+
+    void Run() override { m_call.Work(*this); }
+    // A stopped receiver makes no more turns here; what follows the last one does.
+    void EndOfRun() { CAVGUdtRecv::Run(); }
+
+private:
+    CLiveCall& m_call;
+};
+
+// ---- Lifecycle ----
+
+CLiveCall::CLiveCall(const tagLiveOptions& stOptions)
+    : m_stOptions(stOptions), m_ullStartTick(LiveTick()), m_clock(m_ullStartTick),
+      m_collector(static_cast<IUDTRecvEventCallBack*>(this)),
+      m_pRecv(std::make_unique<CReceiver>(&m_collector, *this))
+{
+    m_dwStartTick = (uint32)m_ullStartTick;
+    m_checks.SetStartTick(m_dwStartTick);
+    m_collector.Attach(m_pRecv.get());
+    m_collector.SetTimeAtTick((double)LiveNowUs() / 1000.0, m_ullStartTick);
+    if (stOptions.bLowLatency)
+    {
+        // A 0 is taken for these two, so the values in force are repeated.
+        tagUDTRecvParams stParams;
+        stParams.wUdtMode = 1;
+        stParams.wOutPutDelay = 200;
+        stParams.wPushGopNum = 2;
+        m_pRecv->UDTSetRecvParams(stParams);
+    }
+}
+
+CLiveCall::~CLiveCall() { Stop(); }
+
+void CLiveCall::Start()
+{
+    m_pRecv->SetRoomState(3);
+    m_pRecv->Start();
+}
+
+void CLiveCall::Stop()
+{
+    if (!m_pRecv)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_clock.MoveTo(LiveTick());
+        m_collector.Snapshot(m_stLastStats);
+    }
+    m_pRecv->Stop();
+    m_collector.Attach(nullptr);
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_pRecv.reset();
+    m_checks.Finish();
+}
+
+// ---- The worker ----
+
+void CLiveCall::Work(CReceiver& recv)
+{
+    CVirtualClock clock(LiveTick());
+    CLogTap tap(m_stOptions.nLogLevel, [this](UDT_LOG_LEVEL eLevel, const char* pszFunc, const char* pszText)
+                { OnLogLine(eLevel, pszFunc, pszText); });
+    while (!CRecvRig::IsStopped(recv))
+    {
+        MakeTurn(clock);
+        usleep(c_dwTurnSleepUs);
+    }
+    std::lock_guard<std::mutex> lock(m_lock);
+    clock.MoveTo(LiveTick());
+    m_checks.StopBegins();
+    recv.EndOfRun();
+}
+
+void CLiveCall::MakeTurn(CVirtualClock& clock)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    clock.MoveTo(LiveTick());
+    m_dwNowTick = (uint32)clock.Tick();
+    m_checks.TurnBegins(m_dwNowTick);
+    m_playout.TurnBegins();
+    m_pRecv->RunTurn();
+    m_checks.TurnEnds();
+    if (m_stOptions.fnTurnEnds)
+        m_stOptions.fnTurnEnds();
+    if (m_stOptions.fnWake && !(m_vecAsks.empty() && m_vecPlis.empty()))
+        m_stOptions.fnWake();
+}
+
+void CLiveCall::OnLogLine(UDT_LOG_LEVEL eLevel, const char* pszFunc, const char* pszText)
+{
+    m_checks.LogLine(pszText);
+    if (strcmp(pszFunc, "PrintStatInfo") == 0)
+        m_vecEndReport.push_back(pszText);
+    if (m_stOptions.fnLog && (int)eLevel <= m_stOptions.nLogLevel)
+        m_stOptions.fnLog(fmt::format("{:10.3f} {} {}: {}", (m_dwNowTick - (uint32)m_ullStartTick) / 1000.0,
+                                      (int)eLevel, pszFunc, pszText));
+}
+
+void CLiveCall::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
+{
+    CLivePacket& packet = static_cast<CLivePacket&>(*pPacket); // nothing else was ever fed
+    m_checks.Released(packet);
+    *pnDelay = (int)m_stOptions.uPlayDelayMs;
+    m_playout.Released(*m_pRecv, packet, *pnDelay);
+
+    tagStream& stStream = Stream(packet.m_uStream);
+    const uint32 dwNowMs = m_dwNowTick - m_dwStartTick;
+    const uint32 dwGap = stStream.st.bPlayed ? packet.dwSenderSeq - stStream.dwLastSeq - 1 : 0;
+    if (packet.m_cSubType != MEAVAudio)
+        WatchKeyFrames(stStream, packet.m_uStream, packet, packet.m_bLate ? 0 : dwGap);
+    if (stStream.st.bPlayed)
+        WatchStalls(stStream, packet.m_uStream, packet, m_dwNowTick);
+    else
+        stStream.st.dwFirstOutMs = dwNowMs;
+    stStream.st.bPlayed = true;
+    stStream.st.dwLastOutMs = dwNowMs;
+    stStream.st.delay.Add(m_dwNowTick - packet.m_dwFedTick);
+    MeasureAvOffset(stStream, packet, m_dwNowTick);
+    if (!packet.m_bLate)
+    {
+        stStream.dwLastSeq = packet.dwSenderSeq;
+        stStream.cLastFrmType = packet.Head().cFrmType;
+        stStream.bLastMarker = packet.m_bMarker;
+    }
+    stStream.dwLastMediaMs = packet.Head().uTimeStamp;
+    stStream.dwLastTick = m_dwNowTick;
+    m_drops.Played(packet.m_dwSsrc, (uint16)packet.dwSenderSeq, packet.m_bLate, LiveNowUs());
+    if (m_stOptions.fnReleased)
+        m_stOptions.fnReleased(packet, m_dwNowTick);
+}
+
+// A gap that was never filled and touches a key frame: nothing that follows can be decoded. Which frame a missing
+// packet belonged to is known from its neighbours.
+void CLiveCall::WatchKeyFrames(tagStream& stStream, uint32 uStream, const CLivePacket& packet, uint32 dwGap)
+{
+    if (dwGap == 0 || dwGap > 0x7FFF)
+        return;
+    const tagUdtPacketHeadInfo stHead = packet.Head();
+    const bool bInside =
+        stHead.cFrmType == def_FrameType_I && (stHead.cPkgIndex != 0 || stStream.bLastMarker);
+    const bool bItsEnd = stStream.cLastFrmType == def_FrameType_I && !stStream.bLastMarker;
+    const uint32 dwLostMediaMs = bInside ? stHead.uTimeStamp : stStream.dwLastMediaMs;
+    // A newer key frame that waits already makes it good soon enough.
+    if ((!bInside && !bItsEnd) || (int32)(stStream.dwKeyMediaMs - dwLostMediaMs) > 0)
+        return;
+    stStream.bKeySeen = false;
+    stStream.bKeyLost = true;
+    m_vecPlis.push_back({uStream, true});
+}
+
+void CLiveCall::WatchStalls(tagStream& stStream, uint32 uStream, const CLivePacket& packet, uint32 dwTick)
+{
+    const uint32 dwSilence = dwTick - stStream.dwLastTick;
+    const int32 nMedia = (int32)(packet.Head().uTimeStamp - stStream.dwLastMediaMs);
+    const uint32 dwMedia = nMedia > 0 ? (uint32)nMedia : 0;
+    // Silence that the sender made (a pause, discontinuous transmission) shows in the media time, too.
+    if (dwSilence < dwMedia + c_dwStallMs)
+        return;
+    m_ullStalls++;
+    if (m_vecStalls.size() < c_nStallsKept)
+        m_vecStalls.push_back({uStream, dwTick - m_dwStartTick, dwSilence - dwMedia});
+}
+
+void CLiveCall::MeasureAvOffset(tagStream& stStream, const CLivePacket& packet, uint32 dwTick)
+{
+    tagUser& stUser = m_mapUsers[packet.u64Uin];
+    const uint32 dwMediaTs = packet.Head().uTimeStamp;
+    const uint32 dwLag = dwTick - dwMediaTs;
+    if (packet.m_cSubType == MEAVAudio)
+    {
+        stUser.bAudio = true;
+        stUser.dwAudioLag = dwLag + m_stOptions.uPlayDelayMs;
+        return;
+    }
+    const bool bNewFrame = !stStream.bFrame || dwMediaTs != stStream.dwLastFrameTs;
+    stStream.bFrame = true;
+    stStream.dwLastFrameTs = dwMediaTs;
+    if (!bNewFrame || !stUser.bAudio)
+        return;
+    const int32 nOffset = (int32)(dwLag - stUser.dwAudioLag);
+    stUser.avOffset.Add((uint32)std::abs((int64)nOffset));
+    stUser.llAvSumMs += nOffset;
+}
+
+int CLiveCall::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uint32, uint32)
+{
+    if (wType != AVGUdtRecvPacketEvent_LossRequest)
+        return 0;
+    const tagReplyData* pReply = reinterpret_cast<const tagReplyData*>(pBuffer);
+    m_playout.Requested(*m_pRecv, pReply, nBufSize, m_dwNowTick);
+    for (uint32 i = 0; i < nBufSize; i++)
+    {
+        const auto it = m_mapKeys.find({pReply[i].ullUserAccount, pReply[i].cSubType});
+        if (it != m_mapKeys.end())
+            m_vecAsks.push_back({it->second, pReply[i].dwUserSeq});
+    }
+    return 0;
+}
+
+int CLiveCall::UdtParsePacketHeadInfo(uint8* pBuf, UdtPacketHeadInfo& stHead)
+{
+    memcpy(&stHead, pBuf, sizeof(stHead));
+    return 0;
+}
+
+// ---- The network thread ----
+
+void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
+{
+    CLivePacket* pPacket = new CLivePacket(stMedia.stHead, this);
+    CScopePtr<UDTCodecBaseDecode_V2> pHeld(pPacket);
+    pPacket->dwSenderSeq = stMedia.dwSendSeq;
+    pPacket->dwSeq = stMedia.dwSeq;
+    pPacket->u64Uin = stMedia.llAccount;
+    pPacket->wTimeStamp = stMedia.wTimeStamp;
+    pPacket->wLen = stMedia.wLen;
+    pPacket->m_uStream = stMedia.dwStream;
+    pPacket->m_cSubType = stMedia.cSubType;
+    pPacket->m_dwWireLen = stMedia.dwWireLen;
+    pPacket->m_stArrival.dwPayloadBytes = stMedia.wLen;
+    if (stMedia.bByRtx)
+        pPacket->m_stArrival.bRetransmitted = true; // nobody knows of those that come under their own number
+    pPacket->m_stSrc = stMedia.stSrc;
+    pPacket->m_stDst = stMedia.stDst;
+    pPacket->m_dwSsrc = dwSsrc;
+    pPacket->m_bMarker = stMedia.bMarker;
+    if (m_stOptions.bKeepBytes)
+        pPacket->m_vecBytes.swap(stMedia.vecRtp);
+
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_clock.MoveTo(LiveTick());
+    const uint32 dwNow = (uint32)m_clock.Tick();
+    if (m_ullStartUs == 0)
+    {
+        m_ullStartUs = stMedia.ullArrivalUs;
+        m_dwStartTick = dwNow;
+        m_checks.SetStartTick(dwNow);
+    }
+    tagStream& stStream = Stream(stMedia.dwStream);
+    if (!stStream.st.bFed)
+    {
+        stStream.st.bFed = true;
+        stStream.st.dwFirstArrivalMs = dwNow - m_dwStartTick;
+        stStream.dwSsrc = dwSsrc;
+        stStream.cSubType = stMedia.cSubType;
+        m_mapKeys[{stMedia.llAccount, stMedia.cSubType}] = stMedia.dwStream;
+    }
+    // Without a key frame nothing can be decoded: it is asked for until one comes.
+    if (stMedia.cSubType != MEAVAudio)
+    {
+        const uint32 dwMediaMs = stMedia.stHead.uTimeStamp;
+        const bool bKey = stMedia.stHead.cFrmType == def_FrameType_I;
+        if (bKey && (!stStream.bKeySeen || (int32)(dwMediaMs - stStream.dwKeyMediaMs) > 0))
+        {
+            // What is repaired of the lost one itself is no new one.
+            stStream.bKeySeen = !stStream.bKeyLost || dwMediaMs != stStream.dwKeyMediaMs;
+            stStream.dwKeyMediaMs = dwMediaMs;
+        }
+        if (!stStream.bKeySeen)
+            m_vecPlis.push_back({stMedia.dwStream, stStream.bKeyLost});
+    }
+    m_drops.Came(dwSsrc, (uint16)stMedia.dwSendSeq, LiveNowUs());
+    m_checks.Fed(*pPacket, dwNow);
+    m_collector.UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
+                                  pPacket->m_cSubType, pPacket, pPacket->m_stArrival);
+    pHeld = nullptr; // what the receiver did not keep goes with the lock held
+}
+
+void CLiveCall::SetRtt(uint32 dwMs)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_dwRtt = dwMs;
+    m_pRecv->UDTSetRecvRTT(dwMs);
+}
+
+void CLiveCall::PollDownlink()
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_clock.MoveTo(LiveTick());
+    uint32 dwExpect = 0;
+    uint32 dwReal = 0;
+    uint32 dwBytes = 0;
+    uint32 dwIFrmLostInfo = 0;
+    m_pRecv->GetDownPacketRecvInfo(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
+    m_collector.DownlinkPolled(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
+}
+
+void CLiveCall::Take(std::vector<tagLiveAsk>& vecAsks, std::vector<tagLivePli>& vecPlis)
+{
+    vecAsks.clear();
+    vecPlis.clear();
+    std::lock_guard<std::mutex> lock(m_lock);
+    vecAsks.swap(m_vecAsks);
+    vecPlis.swap(m_vecPlis);
+}
+
+void CLiveCall::Dropped(const tagDropped& st)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_drops.Dropped(st, LiveNowUs());
+}
+
+// ---- Figures ----
+
+CLiveCall::tagStream& CLiveCall::Stream(uint32 uStream)
+{
+    if (uStream >= m_vecStreams.size())
+        m_vecStreams.resize(uStream + 1);
+    return m_vecStreams[uStream];
+}
+
+void CLiveCall::Snapshot(tagUdtStats& stStats)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_pRecv)
+        m_collector.Snapshot(stStats);
+    else
+        stStats = m_stLastStats;
+}
+
+uint32 CLiveCall::RunMs()
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return (uint32)LiveTick() - m_dwStartTick;
+}
+
+uint64 CLiveCall::StartUs()
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_ullStartUs;
+}
+
+tagStreamResult CLiveCall::StreamResult(uint32 uStream)
+{
+    tagStreamResult st = Stream(uStream).st;
+    st.stPackets = m_checks.Account(uStream);
+    return st;
+}
+
+uint32 CLiveCall::FirstMs(uint32 uStream) { return Stream(uStream).st.dwFirstArrivalMs; }
+
+void CLiveCall::PutAvOffset(tagUserResult& stUser)
+{
+    const tagUser& st = m_mapUsers[stUser.llAccount];
+    stUser.avOffset = st.avOffset;
+    stUser.llAvSumMs = st.llAvSumMs;
+}
+
+} // namespace lab
