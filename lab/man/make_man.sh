@@ -86,6 +86,16 @@ A call of four with 5 % random loss over 100 ms:
 udtlab simulate \-\-loss 5% \-\-rtt 100
 .RE
 .fi
+.PP
+Why did it sound bad? As a page, and against the same call in low\-latency mode:
+.PP
+.nf
+.RS
+udtlab replay call.pcapng \-\-html report.html \-\-report a.json
+udtlab replay call.pcapng \-\-mode low\-latency \-\-report b.json
+udtlab report a.json b.json \-\-html diff.html
+.RE
+.fi
 .SH SEE ALSO
 .BR wireshark (1),
 .BR rtpdump (1)

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <tuple>
 
 namespace lab
 {
@@ -110,9 +111,12 @@ public:
     {
         m_series.Value(m_stStream.nColumns + eSeries, ullMs, nValue);
     }
-    void Stalled(uint64 ullFromMs, uint64 ullMs) override
+    void Still(const char* pszKind, uint64 ullFromMs, uint64 ullMs) override
     {
-        m_series.Mark("stall", m_stStream.strId, ullFromMs, fmt::format("nothing played for {} ms", ullMs),
+        const bool bHole = strcmp(pszKind, "hole") == 0;
+        m_series.Mark(pszKind, m_stStream.strId, ullFromMs,
+                      fmt::format("nothing played for {} ms: the packets {}", ullMs,
+                                  bHole ? "never came" : "came late"),
                       ullMs);
     }
 
@@ -396,10 +400,7 @@ void CRunSeries::LogLine(UDT_LOG_LEVEL eLevel, const char* pszFunc, const char* 
     else if (Is("OnDataHandleNew") &&
              sscanf(pszText, "Server Push Early Packet Make TimelineOut From %u Back to %u", &a, &b) == 2)
     {
-        if (m_stPullBack)
-            Mark("pullBack", "run", m_stPullBack->ullMs, "playout was pulled back",
-                 m_stPullBack->dwFrom - m_stPullBack->dwTo);
-        m_stPullBack = tagPullBack{ullMs, a, b};
+        m_vecPullBacks.push_back({ullMs, a, b});
     }
     else if (Is("UDTSetRecvParams"))
     {
@@ -504,12 +505,37 @@ void CRunSeries::Sample(CAVGUdtRecv& recv, uint64 ullTick, bool bMakesTurns)
     Value(m_nRunColumns + 1, ullMs, (int32)stInfo.dwChnNum);
     for (const auto& st : vecSeen)
         TakePlayout(User(st.first), st.second.stInfo, st.second.dwBandLow, ullTick);
-    if (m_stPullBack && ullMs - m_stPullBack->ullMs > c_ullPullBackWaitMs)
+    // Nobody's clock shows them: the user is gone.
+    while (!m_vecPullBacks.empty() && ullMs - m_vecPullBacks.front().ullMs > c_ullPullBackWaitMs)
     {
-        Mark("pullBack", "run", m_stPullBack->ullMs, "playout was pulled back",
-             m_stPullBack->dwFrom - m_stPullBack->dwTo);
-        m_stPullBack.reset();
+        const tagPullBack& stFirst = m_vecPullBacks.front();
+        Mark("pullBack", "run", stFirst.ullMs, "playout was pulled back", stFirst.dwFrom - stFirst.dwTo);
+        m_vecPullBacks.erase(m_vecPullBacks.begin());
     }
+}
+
+// The receiver's line does not say whose playout was pulled back. Once it is that easy to pull, every late packet does it
+// again: between two looks they are one.
+void CRunSeries::TakePullBacks(tagUser& stUser, uint32 dwClock)
+{
+    const auto IsOurs = [&stUser](const tagPullBack& st)
+    { return std::abs((int64)(int32)(st.dwFrom - stUser.dwSeenClock)) <= (int64)c_ullPullBackWaitMs; };
+    const auto it = std::find_if(m_vecPullBacks.begin(), m_vecPullBacks.end(), IsOurs);
+    if (stUser.dwSeenClock == 0 || it == m_vecPullBacks.end() ||
+        (int32)(dwClock - stUser.dwSeenClock) >= -(int32)m_stOptions.uBinMs)
+        return;
+    Mark("pullBack", stUser.strId, it->ullMs, "playout was pulled back to packets that came late",
+         it->dwFrom - it->dwTo);
+    const tagPullBack stFirst = *it;
+    m_vecPullBacks.erase(std::remove_if(m_vecPullBacks.begin(), m_vecPullBacks.end(),
+                                        [&](const tagPullBack& st)
+                                        {
+                                            const int64 llNear = (int64)c_ullPullBackWaitMs;
+                                            return IsOurs(st) ||
+                                                   std::abs((int64)(int32)(st.dwFrom - dwClock)) <= llNear ||
+                                                   std::abs((int64)(int32)(st.dwTo - stFirst.dwTo)) <= llNear;
+                                        }),
+                         m_vecPullBacks.end());
 }
 
 void CRunSeries::TakePlayout(tagUser& stUser, const tagPlayoutInfo& stInfo, std::optional<uint32> dwBandLow,
@@ -542,13 +568,7 @@ void CRunSeries::TakePlayout(tagUser& stUser, const tagPlayoutInfo& stInfo, std:
         stUser.bClock = false;
         return;
     }
-    if (m_stPullBack && stUser.dwSeenClock != 0 &&
-        (int32)(stInfo.dwTimelineOut - stUser.dwSeenClock) < -(int32)m_stOptions.uBinMs)
-    {
-        Mark("pullBack", stUser.strId, m_stPullBack->ullMs,
-             "playout was pulled back to packets that came late", m_stPullBack->dwFrom - m_stPullBack->dwTo);
-        m_stPullBack.reset();
-    }
+    TakePullBacks(stUser, stInfo.dwTimelineOut);
     stUser.dwSeenClock = stInfo.dwTimelineOut;
     TakeClock(stUser, stInfo.dwTimelineOut, ullMs);
     const int32 nLatency = (int32)((uint32)ullTick - stInfo.dwTimelineOut - stUser.dwBase);
@@ -732,10 +752,15 @@ nlohmann::ordered_json CRunSeries::Json(uint32 dwLastMs)
         t["requestsFailed"] = st.ullFailed;
         t["requestsWasted"] = st.bWastedKnown ? Doc(st.ullWasted) : Doc();
         t["gaps"] = st.ullGaps;
-        t["stalls"] = st.ullStalls;
-        t["longestStallMs"] = st.ullLongestMs;
-        t["longestStallAt"] = st.ullStalls != 0 ? Doc(st.ullLongestAt) : Doc();
-        t["stalledMs"] = st.ullStalledMs;
+        for (const auto& [pszOne, pszMany, stStills] :
+             {std::make_tuple("Stall", "stalls", st.stStalls), std::make_tuple("Hole", "holes", st.stHoles)})
+        {
+            const std::string strOne = pszOne;
+            t[pszMany] = stStills.ullCount;
+            t[strOne == "Stall" ? "stalledMs" : "holesMs"] = stStills.ullMs;
+            t["longest" + strOne + "Ms"] = stStills.ullLongestMs;
+            t["longest" + strOne + "At"] = stStills.ullCount != 0 ? Doc(stStills.ullLongestAt) : Doc();
+        }
         t["firstIn"] = OrNull(st.ullFirstIn);
         t["firstOut"] = OrNull(st.ullFirstOut);
         const bool bOut = st.ullOut != 0;

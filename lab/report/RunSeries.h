@@ -127,6 +127,7 @@ private:
                          uint64 ullTick);
     void TakePlayout(tagUser& stUser, const tagPlayoutInfo& stInfo, std::optional<uint32> dwBandLow,
                      uint64 ullTick);
+    void TakePullBacks(tagUser& stUser, uint32 dwClock);
     void TakeClock(tagUser& stUser, uint32 dwClock, uint64 ullMs);
     nlohmann::ordered_json SeriesJson(const CBinTable& table, uint64 ullFromMs, size_t& nBins,
                                       uint64& ullStartMs);
@@ -154,7 +155,7 @@ private:
         uint32 dwFrom = 0;
         uint32 dwTo = 0;
     };
-    std::optional<tagPullBack> m_stPullBack; // whose it is shows at the next look at the clocks
+    std::vector<tagPullBack> m_vecPullBacks; // whose they are shows at the next look at the clocks
     std::vector<tagEvent> m_vecEvents;       // the first ones
     std::deque<tagEvent> m_listEvents;       // the latest ones
     uint64 m_ullEventsLeftOut = 0;

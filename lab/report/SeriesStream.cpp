@@ -15,6 +15,9 @@ constexpr uint32 c_dwMaxJump = 65536; // a longer way forward is another numberi
 constexpr int64 c_llPaceMs = 60; // what the grid of turns and a slow clock may add to the pace of the media
 constexpr uint64 c_ullSpreadMs =
     100; // a stall is spread over the bins that it covers, the finest of which are this wide
+constexpr double c_dStepMemory = 64; // packets over which the media of one is averaged
+constexpr double c_dMostMedia = 2;   // times that average, of one missing packet
+constexpr int64 c_llMostStep = 1000; // ms of media from a packet to the next, beyond it is silence
 
 } // namespace
 
@@ -210,7 +213,7 @@ void CSeriesStream::Released(const tagLeft& stLeft, uint64 ullMs, ISeriesSink& s
     const bool bInOrder = !m_bOut || (int32)(stLeft.dwSeq - m_dwHighestOut) > 0;
     if (bInOrder)
     {
-        CountStall(stLeft, ullMs, sink);
+        CountStillness(stLeft, ullMs, sink);
         PassTo(stLeft.dwSeq, ullMs, sink);
     }
     if ((st.cMarks & MARK_OUT) == 0 && (st.cMarks & MARK_LOST) != 0)
@@ -244,35 +247,52 @@ void CSeriesStream::PassTo(uint32 dwSeq, uint64 ullMs, ISeriesSink& sink)
     m_dwHighestOut = dwSeq;
 }
 
-// Longer since the release before than the media between the two: for the rest the sound was silent or the picture stood.
-void CSeriesStream::CountStall(const tagLeft& stLeft, uint64 ullMs, ISeriesSink& sink)
+// How long nothing was played before this release, apart from the pace of the media itself. Two reasons are told apart:
+// the packet came late for its time (a stall), or what belonged before it never came (a hole).
+void CSeriesStream::CountStillness(const tagLeft& stLeft, uint64 ullMs, ISeriesSink& sink)
 {
     const int64 llMedia = std::max<int64>(0, (int32)(stLeft.dwMediaMs - m_dwLastMediaMs));
-    const int64 llStall = (int64)(ullMs - m_ullLastOutMs) - llMedia;
+    const int64 llElapsed = (int64)(ullMs - m_ullLastOutMs);
+    const int64 llSteps = m_bOut ? (int32)(stLeft.dwSeq - m_dwHighestOut) : 1;
     const bool bPace = m_bPace;
     m_bPace = true;
     m_dwLastMediaMs = stLeft.dwMediaMs;
     m_ullLastOutMs = ullMs;
-    if (!bPace || llStall <= c_llPaceMs)
+    if (!bPace)
         return;
 
-    const uint64 ullStall = (uint64)llStall;
-    for (uint64 ull = ullMs - ullStall; ull < ullMs;)
+    // A sender may also be silent, numbering on: no more media is missing than that many packets hold.
+    int64 llHole = 0;
+    if (llSteps > 1)
+        llHole =
+            std::min(llMedia - llMedia / llSteps, (int64)(c_dMostMedia * m_dStepMs * (double)(llSteps - 1)));
+    else if (llMedia <= c_llMostStep)
+        m_dStepMs += ((double)llMedia - m_dStepMs) / (m_dStepMs == 0 ? 1 : c_dStepMemory);
+    llHole = std::min(llHole, llElapsed);
+    const int64 llStill = llElapsed - (llMedia - llHole);
+    for (uint64 ull = llStill > c_llPaceMs ? ullMs - (uint64)llStill : ullMs; ull < ullMs;)
     {
         const uint64 ullNext = std::min(ullMs, (ull / c_ullSpreadMs + 1) * c_ullSpreadMs);
         sink.Count(SERIES_STALL_MS, ull, (int64)(ullNext - ull));
         ull = ullNext;
     }
-    if (ullStall <= c_dwSeriesStall)
-        return;
-    m_st.ullStalls++;
-    m_st.ullStalledMs += ullStall;
-    if (ullStall > m_st.ullLongestMs)
+    if (llElapsed - llMedia > (int64)c_dwSeriesStall)
+        Note(m_st.stStalls, "stall", ullMs, (uint64)(llElapsed - llMedia), sink);
+    if (llHole > (int64)c_dwSeriesStall)
+        Note(m_st.stHoles, "hole", ullMs, (uint64)llHole, sink);
+}
+
+void CSeriesStream::Note(tagSeriesStills& st, const char* pszKind, uint64 ullEndMs, uint64 ullMs,
+                         ISeriesSink& sink)
+{
+    st.ullCount++;
+    st.ullMs += ullMs;
+    if (ullMs > st.ullLongestMs)
     {
-        m_st.ullLongestMs = ullStall;
-        m_st.ullLongestAt = ullMs - ullStall;
+        st.ullLongestMs = ullMs;
+        st.ullLongestAt = ullEndMs - ullMs;
     }
-    sink.Stalled(ullMs - ullStall, ullStall);
+    sink.Still(pszKind, ullEndMs - ullMs, ullMs);
 }
 
 // ---- Requests --------------------------------------------------------------------------------------------------------

@@ -47,6 +47,15 @@ enum emSeries
 constexpr size_t c_nSeriesOfUser = SERIES_END_OF_USER - SERIES_OF_STREAM;
 constexpr size_t c_nSeriesOfRun = SERIES_END_OF_RUN - SERIES_END_OF_USER;
 
+// Times at which nothing was played.
+struct tagSeriesStills
+{
+    uint64 ullCount = 0;
+    uint64 ullMs = 0;
+    uint64 ullLongestMs = 0;
+    uint64 ullLongestAt = 0; // run time at which it began
+};
+
 // Of a whole run. Packets unless said.
 struct tagSeriesTotals
 {
@@ -68,11 +77,10 @@ struct tagSeriesTotals
     uint64 ullFailed = 0;   // asked for and given up
     uint64 ullWasted = 0;   // requests for what came by itself
     bool bWastedKnown = false;
-    uint64 ullGaps = 0;                // missing before released packets
-    uint64 ullStalls = 0;              // longer than c_dwSeriesStall
-    uint64 ullStalledMs = 0;           // in these
-    uint64 ullLongestMs = 0;           // of these
-    uint64 ullLongestAt = 0;           // where it began
+    uint64 ullGaps = 0; // missing before released packets
+    // Nothing was played for longer than c_dwSeriesStall, and the packet that ended it
+    tagSeriesStills stStalls;          // came late for its time
+    tagSeriesStills stHoles;           // is the first behind some that never came
     uint64 ullPlayoutMs = 0;           // sum over releases
     uint32 dwPlayoutLow = 0;           // over releases
     uint32 dwPlayoutHigh = 0;          // over releases
@@ -80,7 +88,7 @@ struct tagSeriesTotals
     std::optional<uint64> ullFirstOut; // run time, ms
 };
 
-// Playout that stands still for longer than this, ms, is told as a stall; shorter ones are the clock's pace.
+// Playout that stands still for longer than this, ms, is told; less is filled by any decoder.
 constexpr uint32 c_dwSeriesStall = 200;
 
 // Where a stream's figures go.
@@ -89,7 +97,8 @@ class ISeriesSink
 public:
     virtual void Count(emSeries eSeries, uint64 ullMs, int64 n) = 0;
     virtual void Value(emSeries eSeries, uint64 ullMs, int32 nValue) = 0;
-    virtual void Stalled(uint64 ullFromMs, uint64 ullMs) = 0;
+    // Nothing was played: "stall" or "hole".
+    virtual void Still(const char* pszKind, uint64 ullFromMs, uint64 ullMs) = 0;
 
 protected:
     ~ISeriesSink() = default;
@@ -162,7 +171,9 @@ private:
     void NotLost(tagPlace& st, uint64 ullMs, ISeriesSink& sink);
     void Close(tagPlace& st, uint64 ullMs, ISeriesSink& sink);
     void PassTo(uint32 dwSeq, uint64 ullMs, ISeriesSink& sink);
-    void CountStall(const tagLeft& stLeft, uint64 ullMs, ISeriesSink& sink);
+    void CountStillness(const tagLeft& stLeft, uint64 ullMs, ISeriesSink& sink);
+    static void Note(tagSeriesStills& st, const char* pszKind, uint64 ullEndMs, uint64 ullMs,
+                     ISeriesSink& sink);
     static uint64 NoticedMs(const tagPlace& st, uint64 ullNowMs)
     {
         return ullNowMs - (uint32)((uint32)ullNowMs - st.dwNoticedMs);
@@ -184,6 +195,7 @@ private:
     bool m_bPace = false; // m_dwLastMediaMs and m_ullLastOutMs are of the last release in order
     uint32 m_dwLastMediaMs = 0;
     uint64 m_ullLastOutMs = 0;
+    double m_dStepMs = 0; // media of a packet, on average
 };
 
 } // namespace lab

@@ -67,6 +67,8 @@ std::string Percent(uint64_t ullPart, uint64_t ullWhole)
         return "less than 0.1 %";
     if (ullPart != ullWhole && d > 99.9)
         return "more than 99.9 %";
+    if (ullPart == ullWhole)
+        return "100 %";
     return d < 10 || d > 99 ? fmt::format("{:.1f} %", d) : fmt::format("{:.0f} %", d);
 }
 
@@ -75,14 +77,21 @@ std::string Times(uint64_t ull)
     return ull == 1 ? "once" : ull == 2 ? "twice" : fmt::format("{} times", ull);
 }
 
+struct tagStills
+{
+    uint64_t ullCount = 0;
+    uint64_t ullLongest = 0;
+    std::optional<uint64_t> ullLongestAt;
+};
+
 struct tagStreamTotals
 {
     std::string strUser;  // its id
     std::string strLabel; // "alice, audio"
-    uint64_t ullIn, ullOut, ullExpected, ullLost, ullInTime, ullLate, ullNever, ullStalls, ullLongest,
-        ullStalled;
-    uint64_t ullAsked, ullAskedOnce, ullAnswered;
-    std::optional<uint64_t> ullWasted, ullLongestAt, ullFirstIn, ullFirstOut;
+    uint64_t ullIn, ullOut, ullExpected, ullLost, ullInTime, ullLate, ullNever, ullAsked, ullAskedOnce,
+        ullAnswered;
+    std::optional<uint64_t> ullWasted, ullFirstIn, ullFirstOut;
+    tagStills stStalls, stHoles;
 };
 
 class CVerdict
@@ -97,7 +106,8 @@ private:
              const std::string& strUser = "");
     void SayLoss();
     void SayUserLoss(uint64_t ullLost, uint64_t ullExpected);
-    void SayStalls();
+    void SayStills(const char* pszOne, const char* pszMany, const char* pszOf,
+                   tagStills tagStreamTotals::*pStills);
     void SayStart();
     void SayLatency();
     void SayStep();
@@ -196,14 +206,12 @@ void CVerdict::Gather()
         st.ullInTime = Number(j, "repairedInTime");
         st.ullLate = Number(j, "repairedLate");
         st.ullNever = Number(j, "unrepaired");
-        st.ullStalls = Number(j, "stalls");
-        st.ullLongest = Number(j, "longestStallMs");
-        st.ullStalled = Number(j, "stalledMs");
+        st.stStalls = {Number(j, "stalls"), Number(j, "longestStallMs"), Known(j, "longestStallAt")};
+        st.stHoles = {Number(j, "holes"), Number(j, "longestHoleMs"), Known(j, "longestHoleAt")};
         st.ullAsked = Number(j, "requested");
         st.ullAskedOnce = Number(j, "requestedPackets");
         st.ullAnswered = Number(j, "answered");
         st.ullWasted = Known(j, "requestsWasted");
-        st.ullLongestAt = Known(j, "longestStallAt");
         st.ullFirstIn = Known(j, "firstIn");
         st.ullFirstOut = Known(j, "firstOut");
         m_vec.push_back(st);
@@ -279,27 +287,30 @@ void CVerdict::SayUserLoss(uint64_t ullLost, uint64_t ullExpected)
         Say("note", fmt::format("{}: {}", UserName(vec[n].strUser), vec[n].strText), {}, vec[n].strUser);
 }
 
-void CVerdict::SayStalls()
+// "3 stalls over 200 ms, the longest 1.2 s at 00:41 (alice, audio)"
+void CVerdict::SayStills(const char* pszOne, const char* pszMany, const char* pszOf,
+                         tagStills tagStreamTotals::*pStills)
 {
-    uint64_t ullStalls = 0;
+    uint64_t ullCount = 0;
     const tagStreamTotals* pLongest = nullptr;
     for (const tagStreamTotals& st : m_vec)
     {
-        ullStalls += st.ullStalls;
-        if (st.ullStalls != 0 && (!pLongest || st.ullLongest > pLongest->ullLongest))
+        ullCount += (st.*pStills).ullCount;
+        if ((st.*pStills).ullCount != 0 &&
+            (!pLongest || (st.*pStills).ullLongest > (pLongest->*pStills).ullLongest))
             pLongest = &st;
     }
     if (!pLongest)
         return;
-    const std::string strAt = pLongest->ullLongestAt ? " at " + ClockText(*pLongest->ullLongestAt) : "";
-    const std::string strWho = pLongest->strLabel.empty() ? "" : fmt::format(" ({})", pLongest->strLabel);
-    const std::string strText =
-        ullStalls == 1
-            ? fmt::format("1 stall over 200 ms: {}{}{}", SpanText(pLongest->ullLongest), strAt, strWho)
-            : fmt::format("{} stalls over 200 ms, the longest {}{}{}", ullStalls,
-                          SpanText(pLongest->ullLongest), strAt, strWho);
-    Say(pLongest->ullLongest >= c_ullLongStall ? "bad" : "note", strText, pLongest->ullLongestAt,
-        pLongest->strUser);
+    const tagStills& stStills = pLongest->*pStills;
+    const std::string strWhere = (stStills.ullLongestAt ? " at " + ClockText(*stStills.ullLongestAt) : "") +
+                                 (pLongest->strLabel.empty() ? "" : fmt::format(" ({})", pLongest->strLabel));
+    const std::string strLongest = SpanText(stStills.ullLongest) + strWhere;
+    Say(stStills.ullLongest >= c_ullLongStall ? "bad" : "note",
+        ullCount == 1
+            ? fmt::format("1 {} over 200 ms{}: {}", pszOne, pszOf, strLongest)
+            : fmt::format("{} {} over 200 ms{}, the longest {}", ullCount, pszMany, pszOf, strLongest),
+        stStills.ullLongestAt, pLongest->strUser);
 }
 
 void CVerdict::SayStart()
@@ -395,7 +406,14 @@ void CVerdict::SayLatency()
 
 void CVerdict::SayStep()
 {
-    size_t nNamed = 0;
+    struct tagOff
+    {
+        int64_t llMs; // how far, for the order
+        const char* pszLevel;
+        std::string strUser, strText;
+        std::optional<uint64_t> ullAt;
+    };
+    std::vector<tagOff> vec;
     for (const Json& jUser : Part(m_j, "users"))
     {
         const std::string strUser = Text(jUser, "id");
@@ -418,23 +436,28 @@ void CVerdict::SayStep()
         const int64_t llMean = std::llround(dSum / (double)nKnown);
         const int64_t llWorst = std::llround(*vecV[nWorst]);
         const auto Side = [](int64_t ll) { return ll > 0 ? "behind" : "ahead of"; };
-        if (nNamed >= c_nUsersNamed)
-            continue;
         if (std::abs(llMean) > c_llOutOfStep)
-            Say(std::abs(llMean) > c_llBadlyOutOfStep ? "bad" : "note",
-                fmt::format("picture {} ms {} the sound on average{}", std::abs(llMean), Side(llMean),
-                            WithUser(strUser)),
-                {}, strUser);
+            vec.push_back({std::abs(llMean),
+                           std::abs(llMean) > c_llBadlyOutOfStep ? "bad" : "note",
+                           strUser,
+                           fmt::format("picture {} {} the sound on average{}",
+                                       SpanText((uint64_t)std::abs(llMean)), Side(llMean), WithUser(strUser)),
+                           {}});
         else if (std::abs(llWorst) > c_llMomentOutOfStep)
-            Say("note",
-                fmt::format("picture up to {} ms {} the sound at {}{}", std::abs(llWorst), Side(llWorst),
-                            ClockText(BinAt(nWorst)), WithUser(strUser)),
-                BinAt(nWorst), strUser);
-        else
-            continue;
-        nNamed++;
+            vec.push_back(
+                {std::abs(llWorst) / 10, "note", strUser,
+                 fmt::format("picture up to {} {} the sound at {}{}", SpanText((uint64_t)std::abs(llWorst)),
+                             Side(llWorst), ClockText(BinAt(nWorst)), WithUser(strUser)),
+                 BinAt(nWorst)});
     }
-    m_bStep = m_bStep && nNamed == 0;
+    std::stable_sort(vec.begin(), vec.end(),
+                     [](const tagOff& a, const tagOff& b) { return a.llMs > b.llMs; });
+    for (size_t i = 0; i < vec.size() && i < c_nUsersNamed; i++)
+        Say(vec[i].pszLevel, vec[i].strText, vec[i].ullAt, vec[i].strUser);
+    if (vec.size() > c_nUsersNamed)
+        Say("note",
+            fmt::format("picture and sound were apart for {} more users", vec.size() - c_nUsersNamed));
+    m_bStep = m_bStep && vec.empty();
 }
 
 void CVerdict::SayRequests()
@@ -505,7 +528,8 @@ Json CVerdict::Make()
         return m_jOut;
     }
     SayLoss();
-    SayStalls();
+    SayStills("stall", "stalls", "", &tagStreamTotals::stStalls);
+    SayStills("hole", "holes", " where packets never came", &tagStreamTotals::stHoles);
     SayStart();
     SayLatency();
     SayStep();
@@ -515,7 +539,7 @@ Json CVerdict::Make()
     {
         Json j = std::move(m_jOut);
         m_jOut = Json::array();
-        Say("good", fmt::format("nothing wrong: no stall over 200 ms, latency steady{}",
+        Say("good", fmt::format("nothing wrong: no stall or hole over 200 ms, latency steady{}",
                                 m_bStep ? ", picture and sound in step" : ""));
         for (Json& jSaid : j)
             m_jOut.push_back(std::move(jSaid));

@@ -178,3 +178,37 @@ TEST(Program, HelpIsNoError)
     for (const char* psz : {"--json", "--out", "--mode", "--log-level", "--play-delay", "--speed", "--map"})
         EXPECT_THAT(st.strOut, HasSubstr(psz));
 }
+
+TEST(Program, AReportBecomesAPageAndTwoOfThemAComparison)
+{
+    CTempDir dir;
+    const std::string strA = Quoted(dir.Path("a.json")), strB = Quoted(dir.Path("b.json"));
+    ASSERT_EQ(
+        Udtlab("replay " + TwoWay() + " --report " + strA + " --html " + Quoted(dir.Path("a.html"))).nExit,
+        0);
+    ASSERT_EQ(Udtlab("simulate --seconds 5 --loss 3% --rtt 60 --report " + strB).nExit, 0);
+    const Bytes report = ReadFile(dir.Path("b.json"));
+    const auto j = nlohmann::json::parse(report.begin(), report.end());
+    EXPECT_EQ(j["run"]["kind"], "simulate");
+    EXPECT_THAT(j["run"]["options"].dump(), HasSubstr(R"(["loss","3%"])"));
+
+    const tagRun stVerdict = Udtlab("report " + strA + " " + strB);
+    EXPECT_EQ(stVerdict.nExit, 0);
+    EXPECT_THAT(stVerdict.strOut, HasSubstr("a.json\n  nothing wrong"));
+    EXPECT_EQ(Udtlab("report " + strA + " --html " + Quoted(dir.Path("one.html"))).nExit, 0);
+    EXPECT_EQ(ReadFile(dir.Path("one.html")), ReadFile(dir.Path("a.html")));
+    EXPECT_EQ(Udtlab("report " + strA + " " + strB + " --html " + Quoted(dir.Path("two.html"))).nExit, 0);
+    const Bytes page = ReadFile(dir.Path("two.html"));
+    EXPECT_THAT(std::string(page.begin(), page.end()), HasSubstr("udtlab-comparison"));
+
+    ExpectComplaint("report", "reports");
+    ExpectComplaint("report " + strA + " " + strA + " " + strA, "");
+    ExpectComplaint("report " + Quoted(dir.Path("none.json")), "none.json: offset 0: cannot be read");
+    ExpectComplaint("report " + strA + " --html " + strA, "not overwritten");
+    ExpectComplaint("report " + strA + " --html " + Quoted(dir.Path("no/x.html")),
+                    "no/x.html: cannot be written");
+    const std::string strCut =
+        Quoted(dir.Write("cut.json", Bytes(report.begin(), report.begin() + (ptrdiff_t)report.size() / 2)));
+    ExpectComplaint("report " + strCut, "expected JSON, got the end of the file");
+    EXPECT_EQ(Udtlab("replay " + TwoWay() + " --html " + Quoted(dir.Path("no/x.html"))).nExit, 2);
+}
