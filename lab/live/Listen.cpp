@@ -2,11 +2,14 @@
 // to the call and takes requests from it; the call's own worker does the rest.
 #include "Listen.h"
 
+#include "ListenReport.h"
 #include "PlayedWriter.h"
 #include "RtpFeedback.h"
 #include "RtpIntake.h"
 #include "RtpPacket.h"
+#include "RunSeries.h"
 #include "Udp.h"
+#include "WebServer.h"
 
 #include <fmt/format.h>
 
@@ -16,6 +19,7 @@
 #include <cstring>
 #include <poll.h>
 #include <random>
+#include <set>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -110,6 +114,7 @@ private:
     void Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort);
     bool IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp);
     void Deliver(const tagRtpDatagram& st, uint32 uDoor);
+    void NameSource(const tagRtpDatagram& st, uint32 dwSsrc);
     void LockNewStreams();
     void Drain();
     void OnEvent(const tagRtpEvent& stEvent);
@@ -127,6 +132,9 @@ private:
     int PollTimeout(uint64 ullNowUs);
     void Timers(uint64 ullNowUs);
     tagListenFeedback FeedbackNow() const;
+    tagRtpStreamInfo Named(tagRtpStreamInfo stInfo) const;
+    tagUdtStats StatsNow();
+    std::string LiveReport();
     void GatherStreams();
     void GatherDrops(uint64 ullEndUs);
 
@@ -161,6 +169,12 @@ private:
     CRtpShaper m_shaper;
     std::unique_ptr<CLiveCall> m_pCall;
     std::vector<tagKnown> m_vecKnown;
+    std::set<uint32> m_setNamed; // SSRCs whose user was told to the intake before their first packet
+    std::map<uint32, std::string> m_mapCnames; // heard
+    std::unique_ptr<CWebServer> m_pWeb;
+    std::mutex m_lockStatus; // guards what follows: the web's threads read it
+    std::vector<tagRtpStreamInfo> m_vecStatus;
+    tagListenFeedback m_stStatus;
     std::vector<tagForward> m_vecForward; // of the turn being made; worker, call's lock
     uint64 m_ullForwarded = 0;
     CRtt m_rtt;
@@ -176,6 +190,7 @@ private:
     uint64 m_ullBeganUs = 0;
     uint64 m_ullLastMediaUs = 0;
     bool m_bStop = false;
+    uint64 m_ullNamed = 0;
     std::vector<uint8> m_vecBuffer;
 };
 
@@ -265,8 +280,16 @@ bool CListen::Open()
         const uint64_t ullOne = 1;
         (void)!write(m_fdWake.Get(), &ullOne, sizeof(ullOne));
     };
+    stLive.pSeries = m_stOptions.pSeries;
     m_pCall = std::make_unique<CLiveCall>(stLive);
-    return true;
+    if (m_stOptions.nWebPort < 0)
+        return true;
+    tagWebHooks stWeb;
+    stWeb.fnReport = [this]() { return LiveReport(); };
+    stWeb.fnMetrics = [this]() { return UdtStatsOpenMetrics(StatsNow()); };
+    stWeb.fnStats = [this]() { return UdtStatsJson(StatsNow()) + "\n"; };
+    m_pWeb = std::make_unique<CWebServer>(stWeb);
+    return m_pWeb->Start(m_stOptions.strWebBind, (uint16)m_stOptions.nWebPort, strError);
 }
 
 // ---- The loop ----
@@ -283,7 +306,12 @@ void CListen::Run()
         std::vector<tagListenSource> vec;
         for (const auto& pDoor : m_vecDoors)
             vec.push_back(pDoor->st);
-        m_stHooks.fnReady(vec);
+        m_stHooks.fnReady(vec, m_pWeb ? fmt::format("http://{}:{}/",
+                                                    m_stOptions.strWebBind.find(':') == std::string::npos
+                                                        ? m_stOptions.strWebBind
+                                                        : "[" + m_stOptions.strWebBind + "]",
+                                                    m_pWeb->Port())
+                                      : "");
     }
 
     std::vector<pollfd> vecPoll;
@@ -357,16 +385,24 @@ void CListen::Timers(uint64 ullNowUs)
     {
         m_ullNextSecondUs += c_ullSecondUs;
         TellRtt();
-        if (m_stHooks.fnSecond)
+        if (m_stHooks.fnSecond || m_pWeb)
         {
             tagListenNow stNow;
             stNow.dwRunMs = m_pCall->StartUs() == 0 ? 0 : m_pCall->RunMs();
             stNow.ullDropped = m_impair.Dropped();
             stNow.stFeedback = FeedbackNow();
             for (uint32 i = 0; i < m_intake.StreamCount(); i++)
-                stNow.vecStreams.push_back(m_intake.Stream(i));
-            m_pCall->Snapshot(stNow.stStats);
-            m_stHooks.fnSecond(stNow);
+                stNow.vecStreams.push_back(Named(m_intake.Stream(i)));
+            {
+                std::lock_guard<std::mutex> lock(m_lockStatus);
+                m_vecStatus = stNow.vecStreams;
+                m_stStatus = stNow.stFeedback;
+            }
+            if (m_stHooks.fnSecond)
+            {
+                m_pCall->Snapshot(stNow.stStats);
+                m_stHooks.fnSecond(stNow);
+            }
         }
     }
     if (m_stOptions.dwDurationMs != 0 && ullNowUs - m_ullBeganUs >= m_stOptions.dwDurationMs * 1000ull)
@@ -483,7 +519,9 @@ void CListen::Deliver(const tagRtpDatagram& st, uint32 uDoor)
             const auto it = std::find_if(m_vecKnown.begin(), m_vecKnown.end(),
                                          [&](const tagKnown& stKnown)
                                          { return stKnown.stInfo.dwSsrc == stHeader.dwSsrc; });
-            if (it != m_vecKnown.end())
+            if (it == m_vecKnown.end())
+                NameSource(st, stHeader.dwSsrc);
+            else
                 door.mapReports[stHeader.dwSsrc].OnPacket(stHeader.wSeq, stHeader.dwTs, st.ullArrivalUs,
                                                           it->stInfo.stFormat.dwClock);
         }
@@ -491,6 +529,52 @@ void CListen::Deliver(const tagRtpDatagram& st, uint32 uDoor)
     m_intake.Push(st);
     LockNewStreams();
     Drain();
+}
+
+// Whose an SSRC is, the intake must have heard before its first packet: what it hears later moves no stream. Where no
+// CNAME is known yet, a sender that uses several ports of ours is taken for one user, so that his picture and sound
+// are kept in step.
+void CListen::NameSource(const tagRtpDatagram& st, uint32 dwSsrc)
+{
+    if (m_setNamed.size() > 4096 || !m_setNamed.insert(dwSsrc).second || m_mapCnames.count(dwSsrc) != 0)
+        return;
+    const auto it = m_stOptions.mapCnames.find(dwSsrc);
+    std::string strCname;
+    if (it != m_stOptions.mapCnames.end())
+        strCname = it->second;
+    else if (m_stOptions.bOneUser)
+    {
+        tagRtpAddr stHost = st.stSrc;
+        stHost.wPort = 0;
+        strCname = stHost.Text();
+        strCname = strCname.substr(0, strCname.rfind(':'));
+        // As soon as one of his SSRCs has a name, that is his.
+        for (const tagKnown& stKnown : m_vecKnown)
+            if (SameHost(stKnown.stInfo.stSrc, st.stSrc) && !stKnown.stInfo.strCname.empty())
+                strCname = stKnown.stInfo.strCname;
+    }
+    if (strCname.empty())
+        return;
+    tagRtcpFeedback stName; // a report without blocks, and the name
+    stName.dwSsrc = dwSsrc;
+    stName.strCname = strCname;
+    const std::vector<uint8> vec = BuildRtcp(stName).front();
+    tagRtpDatagram stDatagram = st;
+    stDatagram.pData = vec.data();
+    stDatagram.dwCaptured = stDatagram.dwWire = (uint32)vec.size();
+    m_intake.Push(stDatagram);
+    m_ullNamed++;
+    tagRtpEvent stEvent; // not heard from the network
+    while (m_intake.PopEvent(stEvent))
+        continue;
+}
+
+tagRtpStreamInfo CListen::Named(tagRtpStreamInfo stInfo) const
+{
+    const auto it = m_mapCnames.find(stInfo.dwSsrc);
+    if (it != m_mapCnames.end())
+        stInfo.strCname = it->second;
+    return stInfo;
 }
 
 void CListen::LockNewStreams()
@@ -541,6 +625,8 @@ void CListen::Drain()
 
 void CListen::OnEvent(const tagRtpEvent& stEvent)
 {
+    if (stEvent.eType == RTP_EVENT_CNAME && m_mapCnames.size() < 4096)
+        m_mapCnames[stEvent.dwSenderSsrc] = stEvent.strCname;
     if (stEvent.eType != RTP_EVENT_SR)
         return;
     for (const auto& pDoor : m_vecDoors)
@@ -701,6 +787,36 @@ void CListen::ForwardTurn()
 
 // ---- Figures ----
 
+// Any thread.
+tagUdtStats CListen::StatsNow()
+{
+    tagUdtStats st;
+    m_pCall->Snapshot(st);
+    std::lock_guard<std::mutex> lock(m_lockStatus);
+    for (tagUdtStreamStats& stStats : st.vecStreams)
+        for (const tagRtpStreamInfo& stInfo : m_vecStatus)
+            if (stInfo.llAccount == stStats.llAccount && stInfo.cSubType == stStats.dwSubType)
+                stStats.strUser = stInfo.strCname;
+    return st;
+}
+
+// A thread of the web server's.
+std::string CListen::LiveReport()
+{
+    if (m_stOptions.pSeries == nullptr)
+        return "{}";
+    tagListenNow stNow;
+    stNow.dwRunMs = m_pCall->RunMs();
+    m_pCall->Snapshot(stNow.stStats);
+    {
+        std::lock_guard<std::mutex> lock(m_lockStatus);
+        stNow.vecStreams = m_vecStatus;
+        stNow.stFeedback = m_stStatus;
+    }
+    return ListenLiveReport(stNow, *m_stOptions.pSeries)
+        .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 tagListenFeedback CListen::FeedbackNow() const
 {
     tagListenFeedback st = m_stFeedback;
@@ -717,7 +833,7 @@ void CListen::GatherStreams()
     for (uint32 i = 0; i < m_intake.StreamCount(); i++)
     {
         tagStreamResult st = m_pCall->StreamResult(i);
-        st.stInfo = m_intake.Stream(i);
+        st.stInfo = Named(m_intake.Stream(i));
         const std::string strName =
             st.stInfo.strCname.empty() ? fmt::format("SSRC {:08x}", st.stInfo.dwSsrc) : st.stInfo.strCname;
         for (tagUdtStreamStats& stStats : stResult.stStats.vecStreams)
@@ -781,6 +897,8 @@ tagListenResult CListen::Finish()
     tagReplayResult& st = m_stResult.st;
     const uint32 dwRunMs = m_pCall->StartUs() == 0 ? 0 : m_pCall->RunMs();
     const uint64 ullEndUs = LiveNowUs();
+    if (m_pWeb)
+        m_pWeb->Stop();
     m_pCall->Stop();
     GatherDrops(ullEndUs);
     for (const auto& pDoor : m_vecDoors)
@@ -802,6 +920,10 @@ tagListenResult CListen::Finish()
     m_pCall->Snapshot(st.stStats);
     GatherStreams();
     st.stTotals = m_intake.Totals();
+    st.stTotals.ullDatagrams -= m_ullNamed; // those were ours
+    st.stTotals.ullRtcp -= m_ullNamed;
+    st.stTotals.aRtcpTypes[201] -= m_ullNamed;
+    st.stTotals.aRtcpTypes[202] -= m_ullNamed;
     st.vecGuesses = m_intake.Guesses();
     st.ullPullBacks = m_pCall->Checks().PullBacks();
     st.vecEndReport = m_pCall->EndReport();

@@ -44,6 +44,11 @@ struct tagListenOptions
     int nLogLevel = 0;
     std::function<void(const std::string& strLine)> fnLog; // any thread
     bool bEndReport = false;
+    CRunSeries* pSeries = nullptr; // is told what happens, for a report
+    bool bOneUser = true;          // audio and video of one host are one user's until a CNAME says otherwise
+    std::map<uint32, std::string> mapCnames; // of SSRCs, where they are known before
+    int nWebPort = -1;                       // -1: none, 0: any free one
+    std::string strWebBind = "127.0.0.1";
     std::atomic<bool>* pStop = nullptr; // looked at now and then
     bool bSignals = false;              // SIGINT and SIGTERM stop
     uint32 dwWarmUpMs = 5000;           // losses this soon after their stream began are counted apart
@@ -117,8 +122,9 @@ struct tagListenResult
 
 struct tagListenHooks
 {
-    std::function<void(const std::vector<tagListenSource>&)> fnReady; // sockets are open
-    std::function<void(const tagListenNow&)> fnSecond;                // about once a second
+    std::function<void(const std::vector<tagListenSource>&, const std::string& strWeb)>
+        fnReady;                                       // all is open
+    std::function<void(const tagListenNow&)> fnSecond; // about once a second
 };
 
 tagListenResult RunListen(const tagListenOptions& stOptions, const tagListenHooks& stHooks);

@@ -3,6 +3,8 @@
 #include "Files.h"
 #include "Listen.h"
 #include "ListenReport.h"
+#include "ReportFiles.h"
+#include "RunSeries.h"
 #include "Sdp.h"
 #include "Udp.h"
 
@@ -78,6 +80,7 @@ struct CListenCommand::tagArgs
     double dDuration = 0;
     std::string strJson;
     std::string strStats;
+    tagReportFiles stFiles;
     bool bQuiet = false;
 };
 
@@ -110,6 +113,11 @@ CListenCommand::CListenCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs
     p->add_flag("--rtcp-rsize", args.st.bReducedSize, "NACKs and PLIs without a report in front (RFC 5506)");
     p->add_flag("--any-source", args.st.bAnySource,
                 "senders of several addresses on one port; each SSRC is held to its own");
+    p->add_flag(
+         "!--users-by-cname", args.st.bOneUser,
+         "streams that begin before their CNAME was heard are users of their own; else those of one host are "
+         "one user's")
+        ->default_str("");
     p->add_flag("--no-requests", args.st.bNoRequests, "send reports, but neither NACKs nor PLIs");
     p->add_option("--duration", args.dDuration, "stop after this long; else at SIGINT or SIGTERM")
         ->check(CLI::Range(0.1, 1000000.0))
@@ -123,6 +131,14 @@ CListenCommand::CListenCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs
     p->add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
         ->type_name("FILE");
     p->add_option("--stats", args.strStats, c_pszStatsHelp)->type_name("FILE");
+    p->add_option("--html", args.stFiles.strHtml, c_pszHtmlHelp)->type_name("FILE");
+    p->add_option("--report", args.stFiles.strReport, c_pszReportHelp)->type_name("FILE");
+    p->add_option("--web", args.st.nWebPort,
+                  "serve a live page, /metrics and /stats.json on this port (0: any free one)")
+        ->check(CLI::Range(0, 65535))
+        ->type_name("PORT");
+    p->add_option("--web-bind", args.st.strWebBind, "address of --web; whoever reaches it sees the call")
+        ->type_name("ADDRESS");
     p->add_option("--mode", args.strMode, "the receiver's mode: default or low-latency")
         ->check(CLI::IsMember({"default", "low-latency"}))
         ->type_name("MODE");
@@ -185,6 +201,7 @@ int CListenCommand::Run()
         return Complain(strError);
     st.stRtp.mapFormats = stSdp.mapFormats;
     st.stRtp.mapRtxSsrc = stSdp.mapRtxSsrc;
+    st.mapCnames = stSdp.mapCnames;
     st.stRtp.nTransportSeqId = stSdp.nTransportSeqId;
     st.bRtcpMux = st.bRtcpMux || stSdp.bRtcpMux;
     st.bReducedSize = st.bReducedSize || stSdp.bReducedSize;
@@ -233,13 +250,20 @@ int CListenCommand::Run()
     if (!args.strDelay.empty() &&
         !ParseDelay(args.strDelay, st.stImpair.dwDelayMs, st.stImpair.dwSpreadMs, strError))
         return Complain("--delay: " + strError);
-    for (const std::string& strPath : {args.strJson, args.strStats, st.strOut})
+    for (const std::string& strPath :
+         {args.strJson, args.strStats, st.strOut, args.stFiles.strHtml, args.stFiles.strReport})
         if (!CanWrite(strPath, strError))
             return Complain(strError);
     st.bLowLatency = args.strMode == "low-latency";
     st.dwDurationMs = (uint32)std::lround(args.dDuration * 1000);
     st.fnLog = [](const std::string& strLine) { fmt::print(stderr, "{}\n", strLine); };
     st.bSignals = true;
+
+    tagSeriesOptions stSeries;
+    stSeries.ullWindowMs = st.nWebPort >= 0 ? 120000 : 0;
+    CRunSeries series(stSeries);
+    if (args.stFiles.Wanted() || st.nWebPort >= 0)
+        st.pSeries = &series;
 
     // Progress goes to stderr: stdout is for the tables, or the JSON.
     const bool bTty = isatty(STDERR_FILENO) && st.nLogLevel == 0;
@@ -248,11 +272,13 @@ int CListenCommand::Run()
     tagListenHooks stHooks;
     if (!args.bQuiet)
     {
-        stHooks.fnReady = [](const std::vector<tagListenSource>& vecSources)
+        stHooks.fnReady = [](const std::vector<tagListenSource>& vecSources, const std::string& strWeb)
         {
             for (const tagListenSource& stSource : vecSources)
                 fmt::print(stderr, "{}: RTP on {}, RTCP on {}\n", stSource.strMedium, stSource.strListens,
                            stSource.strRtcp);
+            if (!strWeb.empty())
+                fmt::print(stderr, "live page: {}\n", strWeb);
         };
         stHooks.fnSecond = [&](const tagListenNow& stNow)
         {
@@ -278,7 +304,7 @@ int CListenCommand::Run()
     int nExit = stResult.st.ExitCode();
     if (!stResult.st.strOutputError.empty())
         Complain(stResult.st.strOutputError);
-    if (args.strJson != "-")
+    if (args.strJson != "-" && !args.stFiles.ToStdout())
     {
         const bool bColours = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
         fmt::print("{}", ListenTable(stResult, bColours));
@@ -293,6 +319,8 @@ int CListenCommand::Run()
     }
     if (!args.strStats.empty() &&
         !WriteText(args.strStats, StatsText(args.strStats, stResult.st.stStats), strError))
+        nExit = std::max(nExit, Complain(strError));
+    if (args.stFiles.Wanted() && !WriteReport(args.stFiles, ListenRunReport(stResult, series), strError))
         nExit = std::max(nExit, Complain(strError));
     if (stResult.st.ullBroken)
         fmt::print(stderr, "udtlab: {} checks of the receiver's behaviour were broken; the first: {}\n",

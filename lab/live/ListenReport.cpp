@@ -2,6 +2,8 @@
 
 #include "Files.h"
 #include "ReplayReport.h"
+#include "ReportTable.h"
+#include "RunSeries.h"
 
 #include <fmt/format.h>
 
@@ -57,6 +59,8 @@ tagDropFate Sum(const tagListenResult& stResult, tagDropFate tagListenDrops::*pF
             Add(stSum, st.*pFate);
     return stSum;
 }
+
+constexpr uint32 c_dwLiveMs = 120000; // of the live page
 
 double Rounded(double d) { return std::round(d * 1000.0) / 1000.0; }
 
@@ -254,6 +258,71 @@ nlohmann::ordered_json ListenJson(const tagListenResult& stResult)
     for (const CDropList::tagEntry& st : stResult.vecDropList)
         i["drop_list"].push_back(
             {fmt::format("{:08x}", st.dwSsrc), st.wSeq, st.dwTimes, StateName(st.eState)});
+    return j;
+}
+
+nlohmann::ordered_json ListenRunReport(const tagListenResult& stResult, CRunSeries& series)
+{
+    nlohmann::ordered_json j = ReplayRunReport(stResult.st, series);
+    j["run"]["kind"] = "listen";
+    auto& jOptions = j["run"]["options"];
+    const tagImpairOptions& stImpair = stResult.stImpair;
+    if (stImpair.dDrop > 0)
+        jOptions.push_back({"drop", fmt::format("{:g} %", stImpair.dDrop * 100)});
+    if (stImpair.dwDelayMs != 0)
+        jOptions.push_back({"delay, ms", fmt::format("{} +- {}", stImpair.dwDelayMs, stImpair.dwSpreadMs)});
+    if (stImpair.dReorder > 0)
+        jOptions.push_back({"reorder", fmt::format("{:g} %", stImpair.dReorder * 100)});
+    if (stImpair.Any())
+        jOptions.push_back({"seed", fmt::format("{}", stImpair.ullSeed)});
+
+    if (stImpair.Any())
+    {
+        CReportTable table("Dropped by this tool", {">#", "SSRC", ">dropped", ">came back", ">played in time",
+                                                    ">played late", ">never"});
+        for (const tagListenDrops& st : stResult.vecDrops)
+            if (!st.bAnswers && st.nStream >= 0)
+                table.Row({fmt::format("{}", st.nStream), fmt::format("{:08x}", st.dwSsrc),
+                           fmt::format("{}", st.stAll.ullDropped), fmt::format("{}", st.stAll.ullBack),
+                           fmt::format("{}", st.stAll.ullInTime), fmt::format("{}", st.stAll.ullLate),
+                           fmt::format("{}", st.stAll.ullNever)});
+        table.AddTo(j["tables"]);
+    }
+    const tagListenFeedback& st = stResult.stFeedback;
+    CReportTable table("Feedback sent",
+                       {">reports", ">NACK messages", ">packets asked for", ">PLIs", ">round trip, ms"});
+    table.Row({fmt::format("{}", st.ullReports), fmt::format("{}", st.ullNacks),
+               fmt::format("{}", st.ullNackedSeqs),
+               fmt::format("{}", st.ullPlisNoKey + st.ullPlisLostKey + st.ullPlisGaveUp),
+               st.bRtt ? fmt::format("{:.1f}", st.dRttMs) : "-"});
+    table.AddTo(j["tables"]);
+    return j;
+}
+
+nlohmann::ordered_json ListenLiveReport(const tagListenNow& stNow, CRunSeries& series)
+{
+    tagSeriesRun stRun;
+    stRun.strKind = "listen";
+    stRun.strTitle = "live";
+    series.SetRun(stRun);
+    for (const tagRtpStreamInfo& st : stNow.vecStreams)
+        if (st.llAccount != 0)
+            series.NameUser(st.llAccount,
+                            st.strCname.empty() ? fmt::format("SSRC {:08x}", st.dwSsrc) : st.strCname);
+    nlohmann::ordered_json j = series.Json(c_dwLiveMs);
+    CReportTable table("Streams", {"user", "media", "codec", ">packets", ">lost", ">jitter, ms", ">asked",
+                                   ">came", ">played"});
+    for (const tagRtpStreamInfo& st : stNow.vecStreams)
+    {
+        const tagUdtStreamStats* p = StatsOf(stNow, st);
+        table.Row({st.strCname.empty() ? fmt::format("SSRC {:08x}", st.dwSsrc) : st.strCname, Kind(st),
+                   st.stFormat.strCodec, fmt::format("{}", st.stStat.ullPackets),
+                   fmt::format("{}", st.stStat.ullLost), fmt::format("{:.1f}", st.stStat.dJitterMs),
+                   p ? fmt::format("{}", p->packetsRequestedUnique.value_or(0)) : "-",
+                   p ? fmt::format("{}", p->requestedPacketsReceived.value_or(0)) : "-",
+                   p ? fmt::format("{}", p->packetsReleased.value_or(0)) : "-"});
+    }
+    table.AddTo(j["tables"]);
     return j;
 }
 

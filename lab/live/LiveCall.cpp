@@ -1,6 +1,7 @@
 #include "LiveCall.h"
 
 #include "RecvRig.h"
+#include "RunSeries.h"
 
 #include <fmt/format.h>
 
@@ -95,6 +96,8 @@ void CLiveCall::Stop()
     std::lock_guard<std::mutex> lock(m_lock);
     m_pRecv.reset();
     m_checks.Finish();
+    if (m_stOptions.pSeries)
+        m_stOptions.pSeries->Finish();
 }
 
 // ---- The worker ----
@@ -119,11 +122,14 @@ void CLiveCall::MakeTurn(CVirtualClock& clock)
 {
     std::lock_guard<std::mutex> lock(m_lock);
     clock.MoveTo(LiveTick());
-    m_dwNowTick = (uint32)clock.Tick();
+    m_ullNowTick = clock.Tick();
+    m_dwNowTick = (uint32)m_ullNowTick;
     m_checks.TurnBegins(m_dwNowTick);
     m_playout.TurnBegins();
     m_pRecv->RunTurn();
     m_checks.TurnEnds();
+    if (m_stOptions.pSeries && m_ullStartUs != 0 && m_stOptions.pSeries->SampleDue(clock.Tick()))
+        m_stOptions.pSeries->Sample(*m_pRecv, clock.Tick(), true);
     if (m_stOptions.fnTurnEnds)
         m_stOptions.fnTurnEnds();
     if (m_stOptions.fnWake && !(m_vecAsks.empty() && m_vecPlis.empty()))
@@ -135,6 +141,8 @@ void CLiveCall::OnLogLine(UDT_LOG_LEVEL eLevel, const char* pszFunc, const char*
     m_checks.LogLine(pszText);
     if (strcmp(pszFunc, "PrintStatInfo") == 0)
         m_vecEndReport.push_back(pszText);
+    if (m_stOptions.pSeries)
+        m_stOptions.pSeries->LogLine(eLevel, pszFunc, pszText, m_ullNowTick);
     if (m_stOptions.fnLog && (int)eLevel <= m_stOptions.nLogLevel)
         m_stOptions.fnLog(fmt::format("{:10.3f} {} {}: {}", (m_dwNowTick - (uint32)m_ullStartTick) / 1000.0,
                                       (int)eLevel, pszFunc, pszText));
@@ -168,6 +176,8 @@ void CLiveCall::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
     }
     stStream.dwLastMediaMs = packet.Head().uTimeStamp;
     stStream.dwLastTick = m_dwNowTick;
+    if (m_stOptions.pSeries)
+        m_stOptions.pSeries->PacketOut(*m_pRecv->GetReleasing(), *pnDelay, m_ullNowTick);
     m_drops.Played(packet.m_dwSsrc, (uint16)packet.dwSenderSeq, packet.m_bLate, LiveNowUs());
     if (m_stOptions.fnReleased)
         m_stOptions.fnReleased(packet, m_dwNowTick);
@@ -232,6 +242,8 @@ int CLiveCall::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, u
         return 0;
     const tagReplyData* pReply = reinterpret_cast<const tagReplyData*>(pBuffer);
     m_playout.Requested(*m_pRecv, pReply, nBufSize, m_dwNowTick);
+    if (m_stOptions.pSeries)
+        m_stOptions.pSeries->Requested(pReply, nBufSize, m_ullNowTick);
     for (uint32 i = 0; i < nBufSize; i++)
     {
         const auto it = m_mapKeys.find({pReply[i].ullUserAccount, pReply[i].cSubType});
@@ -279,6 +291,8 @@ void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
         m_ullStartUs = stMedia.ullArrivalUs;
         m_dwStartTick = dwNow;
         m_checks.SetStartTick(dwNow);
+        if (m_stOptions.pSeries)
+            m_stOptions.pSeries->Begin(m_clock.Tick());
     }
     tagStream& stStream = Stream(stMedia.dwStream);
     if (!stStream.st.bFed)
@@ -305,6 +319,17 @@ void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
     }
     m_drops.Came(dwSsrc, (uint16)stMedia.dwSendSeq, LiveNowUs());
     m_checks.Fed(*pPacket, dwNow);
+    if (m_stOptions.pSeries)
+    {
+        tagSeriesPacket st;
+        st.ullAccount = pPacket->u64Uin;
+        st.cSubType = pPacket->m_cSubType;
+        st.dwSeq = pPacket->dwSenderSeq;
+        st.dwMediaMs = pPacket->Head().uTimeStamp;
+        st.dwBytes = pPacket->wLen;
+        st.bRetransmitted = pPacket->m_stArrival.bRetransmitted;
+        m_stOptions.pSeries->PacketIn(st, m_clock.Tick());
+    }
     m_collector.UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
                                   pPacket->m_cSubType, pPacket, pPacket->m_stArrival);
     pHeld = nullptr; // what the receiver did not keep goes with the lock held
@@ -327,6 +352,11 @@ void CLiveCall::PollDownlink()
     uint32 dwIFrmLostInfo = 0;
     m_pRecv->GetDownPacketRecvInfo(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
     m_collector.DownlinkPolled(dwExpect, dwReal, dwBytes, dwIFrmLostInfo);
+    if (!m_stOptions.pSeries || m_ullStartUs == 0)
+        return;
+    tagRecvInfo stInfo;
+    m_pRecv->GetRecvInfo(stInfo);
+    m_stOptions.pSeries->Downlink(stInfo.dwCurLossRate, m_clock.Tick());
 }
 
 void CLiveCall::Take(std::vector<tagLiveAsk>& vecAsks, std::vector<tagLivePli>& vecPlis)

@@ -37,8 +37,11 @@ public:
     bool m_bMarker = false;
 };
 
+class CRunSeries;
+
 struct tagLiveOptions
 {
+    CRunSeries* pSeries = nullptr; // is told what happens, for a report
     bool bLowLatency = false;
     uint32 uPlayDelayMs = 0;
     bool bKeepBytes = false; // somebody wants the bytes of what is played
@@ -174,7 +177,8 @@ private:
     uint32 m_dwRtt = 0;
     uint64 m_ullStartUs = 0;
     uint32 m_dwStartTick = 0; // of the first packet
-    uint32 m_dwNowTick = 0;   // of the turn being made
+    uint64 m_ullNowTick = 0;  // of the turn being made
+    uint32 m_dwNowTick = 0;   // the same
     std::vector<std::string> m_vecEndReport;
     tagUdtStats m_stLastStats;
 
