@@ -391,7 +391,7 @@ test('two runs lie over each other, and what changed is listed, the largest firs
   const plots = await drawn(page);
   for (const card of plots) assert.equal(card.x.length, 320, card.title); // bins of 200 ms, as the coarser run has
   const delay = plots.find(card => card.plot === 'delay');
-  assert.deepEqual(delay.lines.map(line => line.label).sort(), ['arrival A', 'arrival B', 'clock behind the fastest packet A', 'clock behind the fastest packet B', 'playout A', 'playout B', 'target A', 'target B']);
+  assert.deepEqual(delay.lines.map(line => line.label).sort(), ['arrival A', 'arrival B', 'latency A', 'latency B', 'playout A', 'playout B', 'target A', 'target B']);
   const sum = values => values.reduce((a, b) => a + (b || 0), 0);
   const lost = plots.find(card => card.plot === 'loss').lines.filter(line => line.name === 'lost');
   for (const line of lost) assert.equal(sum(line.values), sum(data.runs[line.r].series.find(series => series.name === 'lost').v), line.label);

@@ -63,7 +63,7 @@ const PLOTS = [
     {name: 'arrivalDelay', label: 'arrival', colour: 'blue', spread: true},
     {name: 'playoutDelay', label: 'playout', colour: 'verm', spread: true},
     {name: 'target', of: 'user', label: 'target', colour: 'purple', shape: 'step', width: 1.75},
-    {name: 'latency', of: 'user', label: 'clock behind the fastest packet', colour: 'green', width: 1}]},
+    {name: 'latency', of: 'user', label: 'latency', colour: 'green', width: 1}]},
   {id: 'bufferMs', per: 'user', title: 'Buffer depth', unit: 'ms', decimals: 0, lines: [{name: 'bufferMs'}]},
   {id: 'bufferPackets', per: 'user', title: 'Buffer depth', unit: 'packets', decimals: 0, lines: [{name: 'bufferPackets'}]},
   {id: 'clock', per: 'user', title: 'Playout clock', unit: 'speed', height: 120, clock: true, lines: [
@@ -178,6 +178,9 @@ class Model {
     this.cache = new Map();
     this.users = [];
     this.runs.forEach((run, r) => this.addUsers(run, r));
+    const order = new Intl.Collator('en', {numeric: true});
+    this.users.sort((a, b) => order.compare(a.label, b.label) || order.compare(a.key, b.key));
+    for (const user of this.users) user.streams.sort((a, b) => (b.kind === 'audio') - (a.kind === 'audio'));
     this.events = this.runs.flatMap((run, r) => run.events.map(event => this.readEvent(event, r))).sort((a, b) => a.t - b.t);
   }
 
@@ -356,7 +359,7 @@ function makeSpec(plot, user, streams) {
 
 function specsOf(user) {
   const streams = user.streams.filter(isStreamShown);
-  const all = PLOTS.flatMap(plot => plot.per === 'stream' ? streams.map(stream => makeSpec(plot, user, [stream])) : [makeSpec(plot, user, streams)]);
+  const all = PLOTS.flatMap(plot => plot.per === 'stream' ? streams.map((stream, i) => ({...makeSpec(plot, user, [stream]), second: i > 0})) : [makeSpec(plot, user, streams)]);
   return {specs: all.filter(spec => spec.key), quiet: all.filter(spec => spec.empty).map(spec => spec.title)};
 }
 
@@ -378,7 +381,7 @@ class Card {
     this.legend = el('div', {class: 'legend'});
     this.unit = el('span', {class: 'soft'}, unitWords(spec));
     this.host = el('div', {class: 'chart', style: `min-height:${spec.height}px`});
-    this.root = el('section', {class: 'card', 'data-plot': spec.key, 'aria-label': spec.title + (spec.user ? ', ' + spec.user.label : '')},
+    this.root = el('section', {class: 'card', 'data-plot': spec.key, 'data-first': spec.plot.per === 'stream' && !spec.second, 'aria-label': spec.title + (spec.user ? ', ' + spec.user.label : '')},
       el('h3', {}, el('span', {}, spec.title), this.unit), this.legend, this.host);
     this.root.card = this;
     this.makeLegend();
@@ -479,8 +482,7 @@ class Card {
           if (width > 3) setView([u.posToVal(left, 'x'), u.posToVal(left + width, 'x')]);
         }],
         setCursor: [u => this.cursorMoved(u)],
-        drawAxes: [u => drawZero(u)],
-        draw: [u => this.drawEvents(u)],
+        draw: [u => drawZero(u), u => this.drawEvents(u)],
       },
     }, data, this.host);
     this.u.over.addEventListener('mouseenter', () => { state.over = this; });
@@ -1076,6 +1078,7 @@ function renderUsers() {
     }
     const grid = node.children[1];
     grid.classList.toggle('alone', !!user && user.streams.filter(isStreamShown).length === 1);
+    grid.classList.toggle('several', !!user && user.streams.filter(isStreamShown).length > 1);
     const keys = new Set(specs.map(spec => spec.key));
     for (const root of [...grid.children]) if (!keys.has(root.card.key)) root.card.remove();
     inOrder(grid, specs.map(spec => {
