@@ -353,6 +353,26 @@ for (const [name, command] of Object.entries(RUNS)) {
   });
 }
 
+test('udtlab report A B: two runs of the program lie over each other', {skip: without}, async () => {
+  const files = ['default', 'low-latency'].map(mode => {
+    const file = path.join(OUT, `run-${mode}.json`);
+    lab('simulate', '--loss', '5%', '--rtt', '100', '--jitter', '20', '--seconds', '30', '--mode', mode, '--report', file);
+    return file;
+  });
+  const file = path.join(OUT, 'run-compare.html');
+  lab('report', ...files, '--html', file);
+  const page = await open(pathToFileURL(file).href);
+  await scrollThrough(page);
+  const plots = await drawn(page);
+  for (const id of ['delay', 'bufferMs', 'loss', 'requests', 'rate'])
+    for (const r of [0, 1]) assert.ok(plots.some(card => card.plot === id && card.lines.some(line => line.r === r && line.values.some(value => value))), `${id} of run ${'AB'[r]}`);
+  assert.match(await page.locator('[data-table=options]').textContent(), /modedefaultlow-latency/);
+  assert.ok(await page.locator('[data-table=changes] tbody tr').count() > 3);
+  await fits(page);
+  await page.screenshot({path: path.join(OUT, 'run-compare.png'), fullPage: true});
+  await page.finish();
+});
+
 // What a move costs is printed, not judged: the machine may be busy.
 test('moving through the largest report draws only the plots that are near, each once per frame', async () => {
   const page = await open(write('an-hour', fillPage(CASES['an-hour'])));

@@ -92,7 +92,7 @@ const RUN_PLOTS = [
 ];
 
 // Events in three classes; the sign at the top of a mark tells them apart without colour.
-const TROUBLE = new Set(['clear', 'pullBack', 'jump', 'stall', 'restart', 'expired']);
+const TROUBLE = new Set(['clear', 'pullBack', 'jump', 'stall', 'restart', 'expired', 'hole']);
 const eventClass = kind => TROUBLE.has(kind) ? 'trouble' : /key|first/i.test(kind) ? 'start' : 'state';
 const EVENT_COLOURS = {trouble: 'verm', start: 'green', state: 'purple'};
 const EVENT_SIGNS = {trouble: '▼', start: '●', state: '◆'};
@@ -1181,7 +1181,7 @@ function buildPage() {
   const bar = el('div', {class: 'bar', role: 'toolbar', 'aria-label': 'time range'}, parts.range, less, button('+', 'zoom in (+)', () => scaleView(0.5)), left, right, reset, parts.at,
     el('span', {class: 'room'}), parts.live, parts.theme);
   app.append(parts.head, parts.banner, parts.chooser, bar, parts.users, parts.events, parts.tables, parts.tip,
-    el('p', {class: 'soft help'}, 'Drag in a plot to zoom, shift-drag to move, double-click to see everything again; Ctrl and wheel zoom, keys + − ← → 0 do too.'));
+    el('p', {class: 'soft help'}, 'Drag in a plot to zoom, shift-drag to move, double-click to see everything again; Ctrl and wheel zoom, keys + − ← → 0 do too. On a touch screen two fingers zoom and one moves.'));
 
   const dark = matchMedia('(prefers-color-scheme: dark)');
   setTheme(storedTheme() || (dark.matches ? 'dark' : 'light'), false);
