@@ -80,7 +80,7 @@ void CLabRun::Turn(int64 llTimeUs)
 {
     m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
     m_checks.TurnBegins((uint32)m_clock.Tick());
-    m_playout.TurnBegins();
+    m_playout.TurnBegins((uint32)m_clock.Tick());
     m_pRecv->RunTurn();
     m_checks.TurnEnds();
     if (m_pSeries && m_pSeries->SampleDue(m_clock.Tick()))

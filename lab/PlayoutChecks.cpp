@@ -85,8 +85,13 @@ void CPlayoutChecks::Requested(const CAVGUdtRecv& recv, const tagReplyData* pRep
             m_ullImmediateRequests++;
             continue;
         }
-        m_ullScanRequests++;
         const tagDataPacket* pBehind = BehindGap(stBuf.mapUdtPacket, st.dwUserSeq, dwTick);
+        if (!pBehind && m_bClockStood)
+        {
+            m_ullImmediateRequests++; // the note may be of the scan of a turn at the same tick
+            continue;
+        }
+        m_ullScanRequests++;
         const tagUinDataInfo* pInfo = UserOf(recv, st.ullUserAccount);
         if (!pBehind || !pInfo)
             m_fnBroken(

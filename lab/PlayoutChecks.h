@@ -24,7 +24,12 @@ public:
     typedef std::function<void(const std::string& strWhat)> FnBroken;
     explicit CPlayoutChecks(FnBroken fnBroken) : m_fnBroken(std::move(fnBroken)) {}
 
-    void TurnBegins() { m_ullTurn++; }
+    void TurnBegins(uint32 dwTick)
+    {
+        m_bClockStood = m_ullTurn != 0 && dwTick == m_dwTurnTick;
+        m_dwTurnTick = dwTick;
+        m_ullTurn++;
+    }
     // Inside the release callback. nPlayDelay is what the owner answers to this release.
     void Released(const CAVGUdtRecv& recv, const CMediaPacket& packet, int nPlayDelay);
     // Inside the event callback.
@@ -49,6 +54,8 @@ private:
     FnBroken m_fnBroken;
     std::vector<tagPlayDelay> m_vecDelays; // by stream
     uint64 m_ullTurn = 0;
+    uint32 m_dwTurnTick = 0;
+    bool m_bClockStood = false; // since the turn before
     uint64 m_ullScanRequests = 0;
     uint64 m_ullImmediateRequests = 0;
 };

@@ -125,7 +125,7 @@ void CLiveCall::MakeTurn(CVirtualClock& clock)
     m_ullNowTick = clock.Tick();
     m_dwNowTick = (uint32)m_ullNowTick;
     m_checks.TurnBegins(m_dwNowTick);
-    m_playout.TurnBegins();
+    m_playout.TurnBegins(m_dwNowTick);
     m_pRecv->RunTurn();
     m_checks.TurnEnds();
     if (m_stOptions.pSeries && m_ullStartUs != 0 && m_stOptions.pSeries->SampleDue(clock.Tick()))

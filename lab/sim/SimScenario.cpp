@@ -26,7 +26,7 @@ typedef nlohmann::ordered_json Json;
 const char* const c_aStreamNames[SIM_STREAMS] = {"audio", "video", "small", "sub", "share"};
 const uint8 c_aSubTypes[SIM_STREAMS] = {MEAVAudio, MEAVMaxVideo, MEAVMinVideo, MEAVSubVideo, MEAVPPTShare};
 
-constexpr double c_dLongest = 2 * 24 * 3600.0; // seconds
+constexpr double c_dLongest = 30 * 24 * 3600.0; // seconds
 constexpr uint32 c_uMostUsers = 1000;
 
 struct tagWrong : std::runtime_error

@@ -288,20 +288,20 @@ TEST(SimulateBroken, APacketThatLeavesBeforeItsTimeIsNamed)
     pPacket->m_cSubType = MEAVAudio;
     pPacket->dwSenderSeq = 10;
     rig.User(7)->dwTimelineOut = stHead.uTimeStamp;
-    checks.TurnBegins();
+    checks.TurnBegins(10);
     checks.Released(rig.m_recv, *pPacket, 0);
     EXPECT_TRUE(vecBroken.empty()); // just in time
     rig.User(7)->dwTimelineOut = stHead.uTimeStamp - 1;
-    checks.TurnBegins();
+    checks.TurnBegins(20);
     checks.Released(rig.m_recv, *pPacket, 30);
     ASSERT_EQ(vecBroken.size(), 1u);
     EXPECT_THAT(vecBroken[0], HasSubstr("sequence 10 left before its time"));
     // The play delay reported at one turn's release is in force in the next.
     rig.User(7)->dwTimelineOut = stHead.uTimeStamp - 30;
-    checks.TurnBegins();
+    checks.TurnBegins(30);
     checks.Released(rig.m_recv, *pPacket, 0);
     EXPECT_EQ(vecBroken.size(), 1u);
-    checks.TurnBegins();
+    checks.TurnBegins(40);
     checks.Released(rig.m_recv, *pPacket, 0);
     EXPECT_EQ(vecBroken.size(), 2u);
 }

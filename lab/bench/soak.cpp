@@ -1,0 +1,261 @@
+// Does memory stay where it was, and does every check hold, when a call lasts for days or people come and go for ever?
+//
+//     udtlab_soak room [--hours 72] [--wraps]   a room of 50; the tick wraps, and all that the senders count if asked for
+//     udtlab_soak churn [--accounts 1000000]    accounts that join, talk for half a second, and never come back
+//
+// Both run in virtual time and print a line per hour, or per hundredth of the accounts: bytes on the heap (glibc's own
+// count, mean of the minute's samples) and what was played. Exit code 0: every check held and the heap did not grow by
+// more than 1 % after the first hour. What the receiver keeps of an account for ever is printed by churn, not judged.
+
+#include "RecvRig.h"
+#include "Simulate.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <stdexcept>
+
+namespace
+{
+
+constexpr double c_dAllowedGrowth = 0.01;
+
+uint64 HeapBytes()
+{
+    const struct mallinfo2 st = mallinfo2();
+    return (uint64)st.uordblks + (uint64)st.hblkhd;
+}
+
+double Seconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// The number that wraps once so many hours have been sent at this pace.
+uint32 WrapsAfter(double dHours, double dPerSecond)
+{
+    return (uint32)(0x100000000ull - (uint64)std::llround(dHours * 3600 * dPerSecond));
+}
+
+// ---- Room --------------------------------------------------------------------------------------------------------
+
+// Two speakers, one who shares, 37 listeners who mute and unmute, ten guests who leave and come back every hour.
+nlohmann::ordered_json RoomScenario(uint32 uHours, bool bWraps)
+{
+    typedef nlohmann::ordered_json Json;
+    Json jMutes = Json::array();
+    Json jVisits = Json::array();
+    for (uint32 uHour = 0; uHour < uHours; ++uHour)
+    {
+        const uint32 uAt = uHour * 3600;
+        jMutes.push_back({{"at_s", uAt + 900}, {"do", "mute"}, {"streams", "audio"}});
+        jMutes.push_back({{"at_s", uAt + 1100}, {"do", "unmute"}, {"streams", "audio"}});
+        jVisits.push_back({{"at_s", uAt + 2000}, {"do", "leave"}});
+        jVisits.push_back({{"at_s", uAt + 2400}, {"do", "join"}});
+    }
+    const Json jSmall = {{"kbps", 60}, {"fps", 5}, {"gop", 10}};
+    // Sound is sent 50 times a second; whatever else a user sends wraps some hours sooner or later.
+    Json jFirst = Json::object();
+    if (bWraps)
+        jFirst = {{"seq", WrapsAfter(uHours * 0.25, 50)}, {"media_ms", WrapsAfter(uHours * 0.5, 1000)}};
+    return {{"name", "soak"},
+            {"seconds", uHours * 3600},
+            {"receiver", {{"first_tick", WrapsAfter(uHours * 0.75, 1000)}}},
+            {"relay",
+             {{"push_gops", 1}, {"push_kbps", 50000}, {"first_down_seq", WrapsAfter(uHours * 0.6, 3500)}}},
+            {"users",
+             {{{"name", "speaker"},
+               {"count", 2},
+               {"audio", {{"kbps", 40}}},
+               {"video", {{"kbps", 600}}},
+               {"first", jFirst}},
+              {{"name", "sharer"}, {"audio", {{"kbps", 40}}}, {"share", {{"kbps", 300}}}, {"first", jFirst}},
+              {{"name", "listener"},
+               {"count", 37},
+               {"audio", {{"kbps", 24}}},
+               {"small", jSmall},
+               {"first", jFirst},
+               {"skew_spread_ppm", 100},
+               {"events", jMutes}},
+              {{"name", "guest"},
+               {"count", 10},
+               {"audio", {{"kbps", 24}}},
+               {"small", jSmall},
+               {"events", jVisits}}}},
+            {"up", {{"delay_ms", 15}, {"jitter_ms", 3}, {"loss_percent", 0.2}}},
+            {"down", {{"delay_ms", 25}, {"jitter_ms", 5}, {"loss_percent", 0.8}, {"burst", 2}}},
+            {"request", {{"delay_ms", 25}}},
+            {"back", {{"delay_ms", 15}}}};
+}
+
+// The mean of each hour's samples.
+class CHours
+{
+public:
+    void Sample(uint32 uHour, uint64 ullBytes)
+    {
+        if (uHour >= m_vecHours.size())
+            m_vecHours.resize(uHour + 1);
+        m_vecHours[uHour].dSum += (double)ullBytes;
+        ++m_vecHours[uHour].uCount;
+    }
+    size_t Count() const { return m_vecHours.size(); }
+    double Mean(size_t nHour) const
+    {
+        return m_vecHours[nHour].dSum / std::max(1u, m_vecHours[nHour].uCount);
+    }
+    // Of the hours after the second, the one with most, over the second: the first is the room filling up.
+    double Growth() const
+    {
+        double dMost = 0;
+        for (size_t n = 2; n < Count(); ++n)
+            dMost = std::max(dMost, Mean(n));
+        return Count() < 3 ? 0 : dMost / Mean(1) - 1;
+    }
+
+private:
+    struct tagHour
+    {
+        double dSum = 0;
+        uint32 uCount = 0;
+    };
+    std::vector<tagHour> m_vecHours;
+};
+
+int Room(uint32 uHours, bool bWraps)
+{
+    lab::tagScenario stScenario;
+    std::string strError;
+    if (!lab::ParseScenario(nlohmann::ordered_json::parse(RoomScenario(uHours, bWraps).dump()), ".",
+                            stScenario, strError))
+        throw std::runtime_error(strError);
+
+    const double dStart = Seconds();
+    CHours hours;
+    uint64 ullFed = 0;
+    uint64 ullPlayed = 0;
+    uint32 uMinute = 0;
+    lab::tagSimHooks stHooks;
+    stHooks.fnFeed = [&ullFed](lab::CMediaPacket&) { ++ullFed; };
+    stHooks.fnReleased = [&ullPlayed](lab::CMediaPacket&) { ++ullPlayed; };
+    stHooks.fnProgress = [&](double dShare)
+    {
+        const uint32 uNow = (uint32)(dShare * uHours * 60);
+        if (uNow == uMinute)
+            return;
+        uMinute = uNow;
+        hours.Sample((uNow - 1) / 60, HeapBytes());
+        if (uNow % 60 == 0)
+            fmt::print("{:3} h  heap {:11.0f} bytes  fed {:11}  played {:11}  {:6.0f} s\n", uNow / 60,
+                       hours.Mean(uNow / 60 - 1), ullFed, ullPlayed, Seconds() - dStart);
+        fflush(stdout);
+    };
+    const lab::tagSimResult stResult = lab::RunSimulation(stScenario, stHooks);
+
+    const lab::tagSimStreamCounts& stSum = stResult.stSum;
+    fmt::print(
+        "{} h, {} packets fed, {} played, {} pull-backs; heap {:+.2f} % at most after the second hour\n",
+        uHours, ullFed, ullPlayed, stResult.ullPullBacks, hours.Growth() * 100);
+    fmt::print("lost {}, asked for {}, recovered in time {}\n", stSum.ullLost, stSum.ullAsked,
+               stSum.ullInTime);
+    for (const std::string& strLine : stResult.vecViolations)
+        fmt::print("BROKEN: {}\n", strLine);
+    fmt::print("checks: {}\n", stResult.ullBroken == 0 ? "all held" : "broken");
+    return stResult.ullBroken == 0 && hours.Growth() <= c_dAllowedGrowth ? 0 : 1;
+}
+
+// ---- Churn -------------------------------------------------------------------------------------------------------
+
+constexpr uint32 c_dwPackets = 25;      // of each
+constexpr uint32 c_dwAccountMs = 10;    // a new one this often
+constexpr uint32 c_dwDrainSteps = 1000; // after the last one came
+
+int Churn(uint32 dwAccounts)
+{
+    const double dStart = Seconds();
+    CVirtualClock clock(1000000);
+    CRigOwner owner;
+    uint64 ullPlayed = 0;
+    owner.m_fnOnRelease = [&](const tagRelease&)
+    {
+        ++ullPlayed;
+        owner.Forget();
+    };
+    {
+        CAVGUdtRecv recv(&owner);
+        recv.SetOwnerDriven(TRUE);
+        recv.SetRoomState(3);
+        recv.Start();
+        uint32 dwDown = 0;
+        uint64 ullBefore = 0;
+        uint64 ullMost = 0;
+        uint32 dwFirst = 0;
+        // Account n begins at n x 10 ms and sends a packet every 20 ms.
+        for (uint32 dwStep = 0; dwStep < dwAccounts + c_dwDrainSteps; ++dwStep)
+        {
+            clock.MoveTo(clock.Tick() + c_dwAccountMs);
+            const uint32 dwOldest = dwStep < c_dwPackets * 2 ? 0 : dwStep - c_dwPackets * 2 + 2;
+            for (uint32 dw = dwOldest + (dwStep - dwOldest) % 2; dw <= dwStep && dw < dwAccounts; dw += 2)
+            {
+                tagRigPacket st = AudioPacket(1000000 + dw, 1 + (dwStep - dw) / 2);
+                st.dwDownSeq = ++dwDown;
+                CRigPacket* const p = new CRigPacket(st);
+                recv.UDTReceiveNetData(st.dwSendSeq, st.ullUin, st.dwDownSeq, st.wTimeStamp, st.cSubType, p);
+                p->Release();
+            }
+            recv.RunTurn();
+            ullMost = std::max(ullMost, HeapBytes());
+            if (dwStep % std::max(1u, dwAccounts / 20) == 0)
+            {
+                std::vector<tagRecvChnStatInfo> vecInfo(10000);
+                fmt::print("{:8} accounts  heap {:11} bytes  {} streams  {:6.0f} s\n", dwStep, HeapBytes(),
+                           recv.GetRecvChnInfo(vecInfo.data(), (uint32)vecInfo.size()), Seconds() - dStart);
+                fflush(stdout);
+            }
+            if (dwStep == dwAccounts / 10)
+            {
+                ullBefore = HeapBytes();
+                dwFirst = dwStep;
+            }
+        }
+        fmt::print(
+            "{} accounts, {} packets played; {:.1f} bytes kept for ever of each; most at any time {} bytes\n",
+            dwAccounts, ullPlayed, ((double)HeapBytes() - (double)ullBefore) / (dwAccounts - dwFirst),
+            ullMost);
+        recv.Stop();
+    }
+    fmt::print("packets not given back: {}\n", CRigPacket::Live());
+    return CRigPacket::Live() == 0 ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app{"Days of a call, and a million accounts, in virtual time"};
+    app.require_subcommand(1);
+    uint32 uHours = 72;
+    uint32 dwAccounts = 1000000;
+    CLI::App* const pRoom = app.add_subcommand("room", "a room of 50");
+    pRoom->add_option("--hours", uHours, "how long")->check(CLI::Range(1, 720));
+    bool bWraps = false;
+    pRoom->add_flag("--wraps", bWraps,
+                    "sender sequences and media time wrap too, after a quarter and a half of the call");
+    CLI::App* const pChurn = app.add_subcommand("churn", "accounts that come once");
+    pChurn->add_option("--accounts", dwAccounts, "how many")->check(CLI::Range(100, 100000000));
+    CLI11_PARSE(app, argc, argv);
+    try
+    {
+        return pRoom->parsed() ? Room(uHours, bWraps) : Churn(dwAccounts);
+    }
+    catch (const std::exception& e)
+    {
+        fmt::print(stderr, "udtlab_soak: {}\n", e.what());
+        return 2;
+    }
+}
