@@ -18,9 +18,10 @@ const LAB = process.env.UDT_LAB || '';
 const CHROMIUM = process.env.UDT_CHROMIUM || '/usr/bin/chromium';
 const DESK = {width: 1280, height: 900}, PHONE = {width: 360, height: 740}, PAPER = {width: 703, height: 1000};
 
+mkdirSync(OUT, {recursive: true});
+
 let browser;
 before(async () => {
-  mkdirSync(OUT, {recursive: true});
   browser = await chromium.launch({executablePath: CHROMIUM, args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-background-networking']});
 });
 after(() => browser && browser.close());
