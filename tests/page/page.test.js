@@ -336,7 +336,7 @@ for (const [name, command] of Object.entries(RUNS)) {
     assert.equal(await page.locator('.verdict li').count(), data.verdict.length);
     assert.ok(data.verdict.length > 0 && data.tables.length > 0);
     await fits(page);
-    await page.screenshot({path: path.join(OUT, `run-${name}.png`), fullPage: true});
+    await page.screenshot({path: path.join(OUT, `run-${name}.png`), fullPage: name === 'demo'});
     if (name === 'demo') { // the README's picture
       const picture = path.join(OUT, 'report.png');
       await page.evaluate(() => scrollTo(0, 0));
@@ -370,7 +370,7 @@ test('udtlab report A B: two runs of the program lie over each other', {skip: wi
   assert.match(await page.locator('[data-table=options]').textContent(), /modedefaultlow-latency/);
   assert.ok(await page.locator('[data-table=changes] tbody tr').count() > 3);
   await fits(page);
-  await page.screenshot({path: path.join(OUT, 'run-compare.png'), fullPage: true});
+  await page.screenshot({path: path.join(OUT, 'run-compare.png')});
   await page.finish();
 });
 
