@@ -1,5 +1,6 @@
 #include "LabRun.h"
 
+#include "Border.h"
 #include "RunSeries.h"
 
 #include <cstring>
@@ -14,6 +15,7 @@ CLabRun::CLabRun(const tagRunOptions& stOptions, IRunObserver& observer)
           stOptions.nLogLevel,
           [this, nLevel = stOptions.nLogLevel](UDT_LOG_LEVEL eLevel, const char* pszFunc, const char* pszText)
           {
+              const CBorder border(CBorder::AT_OWNER);
               m_checks.LogLine(pszText);
               if (strcmp(pszFunc, "PrintStatInfo") == 0)
                   m_vecEndReport.push_back(pszText);
@@ -72,6 +74,7 @@ void CLabRun::Feed(CMediaPacket* pPacket, int64 llTimeUs)
         st.bRetransmitted = pPacket->m_stArrival.bRetransmitted;
         m_pSeries->PacketIn(st, m_clock.Tick());
     }
+    const CBorder border(CBorder::IN_RECEIVER);
     m_collector.UDTReceiveNetData(pPacket->dwSenderSeq, pPacket->u64Uin, pPacket->dwSeq, pPacket->wTimeStamp,
                                   pPacket->m_cSubType, pPacket, pPacket->m_stArrival);
 }
@@ -81,7 +84,10 @@ void CLabRun::Turn(int64 llTimeUs)
     m_clock.MoveTo(m_ullStartTick + (uint64)(llTimeUs / 1000));
     m_checks.TurnBegins((uint32)m_clock.Tick());
     m_playout.TurnBegins((uint32)m_clock.Tick());
-    m_pRecv->RunTurn();
+    {
+        const CBorder border(CBorder::IN_RECEIVER);
+        m_pRecv->RunTurn();
+    }
     m_checks.TurnEnds();
     if (m_pSeries && m_pSeries->SampleDue(m_clock.Tick()))
         m_pSeries->Sample(*m_pRecv, m_clock.Tick(), true);
@@ -133,6 +139,7 @@ uint32 CLabRun::LiveStreams()
 
 void CLabRun::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
 {
+    const CBorder border(CBorder::AT_OWNER);
     CMediaPacket& packet = static_cast<CMediaPacket&>(*pPacket); // nothing else was ever fed
     m_checks.Released(packet);
     *pnDelay = m_observer.OnReleased(packet, (uint32)m_clock.Tick());
@@ -143,6 +150,7 @@ void CLabRun::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
 
 int CLabRun::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uint32, uint32)
 {
+    const CBorder border(CBorder::AT_OWNER);
     if (wType != AVGUdtRecvPacketEvent_LossRequest)
         return 0;
     const tagReplyData* pReply = reinterpret_cast<const tagReplyData*>(pBuffer);
@@ -157,6 +165,12 @@ int CLabRun::UdtParsePacketHeadInfo(uint8* pBuf, UdtPacketHeadInfo& stHead)
 {
     memcpy(&stHead, pBuf, sizeof(stHead));
     return 0;
+}
+
+void CLabRun::OnPacketGone(CMediaPacket& packet)
+{
+    const CBorder border(CBorder::AT_OWNER);
+    m_checks.Gone(packet);
 }
 
 } // namespace lab

@@ -92,7 +92,7 @@ private:
                            uint32 nUdtV2) override;
     int UdtParsePacketHeadInfo(uint8* pBuf, UdtPacketHeadInfo& stHead) override;
     // IPacketKeeper
-    void OnPacketGone(CMediaPacket& packet) override { m_checks.Gone(packet); }
+    void OnPacketGone(CMediaPacket& packet) override;
 
     const uint64 m_ullStartTick;
     IRunObserver& m_observer;

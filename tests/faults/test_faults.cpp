@@ -55,12 +55,13 @@ void* operator new[](size_t nBytes, const std::nothrow_t& stNo) noexcept
 {
     return operator new(nBytes, stNo);
 }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete[](void* p, size_t) noexcept { free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { free(p); }
+// Not inlined: a compiler that sees a block from new go to free takes it for a mistake.
+__attribute__((noinline)) void operator delete(void* p) noexcept { free(p); }
+void operator delete(void* p, size_t) noexcept { operator delete(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { operator delete(p); }
+void operator delete[](void* p) noexcept { operator delete(p); }
+void operator delete[](void* p, size_t) noexcept { operator delete(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { operator delete(p); }
 
 namespace
 {
