@@ -93,6 +93,14 @@ void CLabRun::Turn(int64 llTimeUs)
         m_pSeries->Sample(*m_pRecv, m_clock.Tick(), true);
 }
 
+void CLabRun::ClearStream(uint64 ullUin, uint8 cSubType, int64 llTimeUs)
+{
+    m_checks.ClearAsked();
+    m_pRecv->ClearRecvChn(ullUin, cSubType);
+    // The receiver carries it out after it took what was fed: a packet of the new numbering must not be there yet.
+    Turn(llTimeUs);
+}
+
 void CLabRun::Stop()
 {
     if (!m_pRecv)

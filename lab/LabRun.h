@@ -61,6 +61,9 @@ public:
     // the caller's to set.
     void Feed(CMediaPacket* pPacket, int64 llTimeUs);
     void Turn(int64 llTimeUs);
+    // A stream begins afresh: what of it is buffered is dropped and what was known of it forgotten, before the next
+    // packet is fed. A turn is made for it.
+    void ClearStream(uint64 ullUin, uint8 cSubType, int64 llTimeUs);
     // Ends the run: the receiver stops and is destroyed, the last checks are made.
     void Stop();
 

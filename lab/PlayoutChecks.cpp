@@ -41,9 +41,7 @@ void CPlayoutChecks::Released(const CAVGUdtRecv& recv, const CMediaPacket& packe
     uint32 dwPlayDelay = 0;
     if (packet.m_cSubType == MEAVAudio)
     {
-        if (packet.m_uStream >= m_vecDelays.size())
-            m_vecDelays.resize(packet.m_uStream + 1);
-        tagPlayDelay& st = m_vecDelays[packet.m_uStream];
+        tagPlayDelay& st = m_mapDelays[packet.u64Uin];
         if (st.ullTurn != m_ullTurn)
             st.dwInForce = st.dwReported;
         st.ullTurn = m_ullTurn;
@@ -106,15 +104,15 @@ void CPlayoutChecks::Requested(const CAVGUdtRecv& recv, const tagReplyData* pRep
     }
 }
 
-bool CPlayoutChecks::IsDue(const CAVGUdtRecv& recv, uint64 ullUin, uint8 cSubType, uint32 uStream,
-                           uint32 dwMediaMs) const
+bool CPlayoutChecks::IsDue(const CAVGUdtRecv& recv, uint64 ullUin, uint8 cSubType, uint32 dwMediaMs) const
 {
     const tagUinDataInfo* pInfo = UserOf(recv, ullUin);
     if (!pInfo || pInfo->dwTimelineOut == 0)
         return false;
     uint32 dwPlayDelay = 0;
-    if (cSubType == MEAVAudio && uStream < m_vecDelays.size())
-        dwPlayDelay = m_vecDelays[uStream].dwReported;
+    const auto it = m_mapDelays.find(ullUin);
+    if (cSubType == MEAVAudio && it != m_mapDelays.end())
+        dwPlayDelay = it->second.dwReported;
     return dwMediaMs <= pInfo->dwTimelineOut + dwPlayDelay;
 }
 

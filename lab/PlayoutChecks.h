@@ -12,8 +12,8 @@
 #include "MediaPacket.h"
 
 #include <functional>
+#include <map>
 #include <string>
-#include <vector>
 
 namespace lab
 {
@@ -36,14 +36,13 @@ public:
     void Requested(const CAVGUdtRecv& recv, const tagReplyData* pReply, uint32 uCount, uint32 dwTick);
 
     // Has playout come past a packet with this media time, if it arrived now?
-    bool IsDue(const CAVGUdtRecv& recv, uint64 ullUin, uint8 cSubType, uint32 uStream,
-               uint32 dwMediaMs) const;
+    bool IsDue(const CAVGUdtRecv& recv, uint64 ullUin, uint8 cSubType, uint32 dwMediaMs) const;
 
     uint64 ScanRequests() const { return m_ullScanRequests; }           // entries asked for by the loss scan
     uint64 ImmediateRequests() const { return m_ullImmediateRequests; } // at once, for I frames
 
 private:
-    // A stream's play delay as the receiver reads it: once per turn, before that turn's first release.
+    // A user's play delay as the receiver reads it: once per turn, before that turn's first release.
     struct tagPlayDelay
     {
         uint32 dwInForce = 0;
@@ -52,7 +51,7 @@ private:
     };
 
     FnBroken m_fnBroken;
-    std::vector<tagPlayDelay> m_vecDelays; // by stream
+    std::map<uint64, tagPlayDelay> m_mapDelays; // by account: a user has one stream of audio
     uint64 m_ullTurn = 0;
     uint32 m_dwTurnTick = 0;
     bool m_bClockStood = false; // since the turn before

@@ -58,6 +58,8 @@ bool CRtpSource::Peek(int64& llTimeUs)
 void CRtpSource::Fire(CLabRun& run)
 {
     m_bThere = false;
+    if (m_stMedia.bClear)
+        run.ClearStream(m_stMedia.llAccount, m_stMedia.cSubType, m_llTimeUs);
     CMediaPacket* pPacket = run.NewPacket(m_stMedia.stHead);
     pPacket->dwSenderSeq = m_stMedia.dwSendSeq;
     pPacket->dwSeq = m_stMedia.dwSeq;

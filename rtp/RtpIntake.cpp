@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 
+#include "RtpContinuity.h"
 #include "RtpDownlink.h"
 #include "RtpFrames.h"
 #include "RtpLearn.h"
@@ -34,6 +35,21 @@ const size_t c_nMaxRtxOriginals = 64; // streams an RTX candidate is tested agai
 const uint32 c_dwTransportSeqLeast = 20;
 const size_t c_nGuessPackets = 10; // a guess by pattern needs as many
 const size_t c_nMaxHeldBytes = 32768;
+// A new SSRC goes on with the stream of one that the same source has stopped to send: when that one was silent so long
+// (BYE: at once), and, where no CNAME tells that they are one, no longer than this ago.
+const uint64 c_ullReplacedUs = 200000;
+const uint64 c_ullReplacedLatestUs = 10000000;
+const uint64 c_ullReplacedReorderUs =
+    50000; // an old packet that came this late does not show that it goes on
+// A sender that begins anew after so long: what the receiver had of the old was played, even with a long delay, and what
+// it still knows of it (gaps, frames, duplicates) is of no use.
+const int64_t c_llClearUs = 2000000;
+const size_t c_nMaxReplacedBytes = 262144; // held while it is not clear
+// A user from whom nothing comes: the receiver's clock runs at three quarters of real time while it has nothing to
+// play, until it forgets him. A sender that begins anew is placed where that clock will be, a little early.
+const int64_t c_llAwayUs = 1000000;
+const int64_t c_llForgottenUs = 6000000;
+const int64_t c_llAheadUs = 350000;
 const size_t c_nMaxGuesses = 4096;
 
 // What RTCP told about an SSRC.
@@ -54,6 +70,29 @@ struct tagUser
     int64_t llNtpUs = 0;   // wall clock at media time llSrUs
     int64_t llSrUs = 0;
     std::set<uint8> setSubTypes;
+    int64_t llLastUs = 0; // arrival of his newest packet, on his timeline
+    int64_t llBackUs = 0; // he was away until then, for so long
+    int64_t llAwayUs = 0;
+};
+
+// What the receiver knows as one stream: an SSRC's packets, and those of the SSRC that follows it.
+struct tagTrack
+{
+    CRtpContinuity continuity;
+    CRtpSeqWindow window;                // handed out, RTX answers too
+    std::unique_ptr<CRtpFrames> pFrames; // video
+    tagUser* pUser = nullptr;
+    uint32 dwClock = 0;
+    uint32 dwFirstTs = 0;
+    uint32 dwStream = 0;                              // the SSRC that sends now
+    std::deque<std::pair<uint32, uint32>> dequeSsrcs; // from which restart on which SSRC
+};
+
+// A packet that waits for the next of its stream: it may begin a new numbering.
+struct tagHeld
+{
+    tagRtpDatagram stDatagram;
+    std::vector<uint8> vecBytes;
 };
 
 struct tagStream
@@ -66,11 +105,11 @@ struct tagStream
     CRtpStat stat;
     CRtpDownlink::CLane lane;
     // Media streams
-    CRtpSeqUnwrap seq;
-    CRtpSeqWindow window; // handed out, RTX answers too
-    CRtpTsUnwrap ts;
-    int64_t llBaseUs = 0;                // the first packet's place on the user's timeline
-    std::unique_ptr<CRtpFrames> pFrames; // video
+    std::shared_ptr<tagTrack> pTrack;
+    std::unique_ptr<tagHeld> pHeld;
+    bool bFollows = false;    // its first packet is the first of a new numbering
+    int64_t llFollowedUs = 0; // then: when the other's last packet came
+    bool bSpokeAgain = false; // replaced, and yet a packet came that is not late
     // RTX
     bool bOriginalKnown = false;
     uint32 dwOriginalSsrc = 0;
@@ -86,11 +125,6 @@ struct tagWaiting
 };
 
 // An SSRC that was seen but is not a stream yet, with the packets that wait for it to become one.
-struct tagHeld
-{
-    tagRtpDatagram stDatagram;
-    std::vector<uint8> vecBytes;
-};
 struct tagCandidate
 {
     CRtpLearn learn;
@@ -117,6 +151,14 @@ struct tagExtCount
     uint32 dwSteps = 0; // pairs a little forward or back, as a count of packets goes
 };
 
+size_t HeldBytes(const tagCandidate& stCandidate)
+{
+    size_t nBytes = 0;
+    for (const tagHeld& stHeld : stCandidate.vecHeld)
+        nBytes += stHeld.vecBytes.size();
+    return nBytes;
+}
+
 int64_t NtpToUs(uint64 ullNtp)
 {
     return (int64_t)(ullNtp >> 32) * 1000000 + (int64_t)(((ullNtp & 0xFFFFFFFF) * 1000000) >> 32);
@@ -136,6 +178,7 @@ public:
     void Flush();
     bool PopEvent(tagRtpEvent& stEvent);
     tagRtpStreamInfo Stream(uint32 dwStream) const;
+    bool RtpSequence(uint32 dwStream, uint32 dwSendSeq, uint32& dwSsrc, uint16& wSeq) const;
 
     std::vector<std::unique_ptr<tagStream>> m_vecStreams;
     tagRtpTotals m_stTotals;
@@ -159,20 +202,45 @@ private:
     tagStream* FindOriginal(tagStream& stRtx);
     int StreamOf(uint32 dwSsrc) const;
     tagStream& Begin(const tagRtpKey& stKey, const CRtpLearn& learn, const tagRtpDatagram& stDatagram,
-                     const tagRtpHeader& stHeader);
+                     const tagRtpHeader& stHeader, tagStream* pFollowed);
     void Format(tagStream& stStream, const CRtpLearn& learn);
     void Settle(tagStream& stStream, const tagRtpDatagram& stDatagram, uint32 dwFirstTs);
+    enum emFollows
+    {
+        FOLLOWS_NONE,
+        FOLLOWS_PERHAPS, // to be seen from what comes next
+        FOLLOWS
+    };
+    emFollows Followed(const tagRtpKey& stKey, const tagCandidate& stCandidate,
+                       const tagRtpDatagram& stDatagram, uint8 cPt, tagStream*& pFollowed) const;
+    void Follow(tagStream& stStream, tagStream& stFollowed, const tagRtpDatagram& stDatagram,
+                const tagRtpHeader& stHeader);
 
     // Packets
     void OnRtcp(const tagRtpDatagram& stDatagram);
     void OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
     void OnStreamPacket(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
     bool UnwrapRtx(tagStream& stRtx, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader,
-                   tagStream*& pOriginal, tagRtpHeader& stOriginal);
+                   tagStream*& pOriginal, tagRtpHeader& stOriginal, CRtpContinuity::tagPlace& stPlace);
     CRtpDownlink::CLane& Lane(tagStream& stStream, const tagRtpDatagram& stDatagram,
                               const tagRtpHeader& stHeader, uint16& wSeq);
+    void OnMediaPacket(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
+    bool OnReplaced(tagStream& stStream, const CRtpContinuity::tagWire& stWire,
+                    const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
+    void DropStray(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader);
+    void DropHeld(tagStream& stStream);
+    CRtpContinuity::tagWire Wire(const tagStream& stStream, const tagRtpDatagram& stDatagram,
+                                 const tagRtpHeader& stHeader) const;
+    static void NoteArrival(tagUser& stUser, int64_t llArrivalUs);
+    static int64_t Lag(const tagTrack& track);
+    void PlaceHeld(tagStream& stStream, emRtpRestart eRestart, int64_t llLastUs);
+    bool Restarted(tagStream& stStream, emRtpRestart eRestart, int64_t llLastUs,
+                   const CRtpContinuity::tagWire& stWire);
+    void PlaceMedia(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader,
+                    const CRtpContinuity::tagPlace& stPlace, emRtpRestart eRestart, bool bClear);
     void Place(tagStream& stStream, const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader,
-               std::vector<uint8> vecRtp, bool bByRtx, uint32 dwDownSeq);
+               std::vector<uint8> vecRtp, bool bByRtx, uint32 dwDownSeq,
+               const CRtpContinuity::tagPlace& stPlace, emRtpRestart eRestart, bool bClear);
     bool IsConfirmed(const tagCandidate& stCandidate, uint8 cPt) const;
     bool IsReady(const tagWaiting& stWaiting) const;
 
@@ -510,7 +578,8 @@ void CRtpIntakeImpl::Format(tagStream& stStream, const CRtpLearn& learn)
 }
 
 tagStream& CRtpIntakeImpl::Begin(const tagRtpKey& stKey, const CRtpLearn& learn,
-                                 const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader)
+                                 const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader,
+                                 tagStream* pFollowed)
 {
     std::unique_ptr<tagStream> pStream(new tagStream);
     tagStream& stStream = *pStream;
@@ -538,9 +607,97 @@ tagStream& CRtpIntakeImpl::Begin(const tagRtpKey& stKey, const CRtpLearn& learn,
                 stStream.dwClock = stInfo.stFormat.dwClock = pOriginal->dwClock;
         }
     }
-    else if (stInfo.stFormat.eKind != RTP_KIND_FEC)
+    else if (stInfo.stFormat.eKind == RTP_KIND_FEC)
+        return stStream;
+    else if (pFollowed != nullptr && stInfo.stFormat.eKind == pFollowed->stInfo.stFormat.eKind)
+        Follow(stStream, *pFollowed, stDatagram, stHeader);
+    else
         Settle(stStream, stDatagram, stHeader.dwTs);
     return stStream;
+}
+
+// Does a new SSRC carry on what another one sent? They come from and go to the same place with the same payload type,
+// the other has stopped, and they are one source by CNAME. Where CNAMEs are not known, the other is the only one
+// of its kind there: behind a mixer or a forwarding server there are several, and one may go while another comes.
+CRtpIntakeImpl::emFollows CRtpIntakeImpl::Followed(const tagRtpKey& stKey, const tagCandidate& stCandidate,
+                                                   const tagRtpDatagram& stDatagram, uint8 cPt,
+                                                   tagStream*& pFollowed) const
+{
+    pFollowed = nullptr;
+    if (stDatagram.stSrc.cFamily == 0)
+        return FOLLOWS_NONE;
+    const auto itHeard = m_mapHeard.find(stKey.dwSsrc);
+    const std::string strCname = itHeard == m_mapHeard.end() ? std::string() : itHeard->second.strCname;
+    const uint64 ullNowUs = stDatagram.ullArrivalUs;
+    const uint64 ullBeganUs = stCandidate.learn.FirstUs();
+    size_t nThere = 0;
+    bool bSame = false;
+    bool bPerhaps = false;
+    for (const auto& pStream : m_vecStreams)
+    {
+        const tagRtpStreamInfo& stInfo = pStream->stInfo;
+        if (!pStream->pTrack || !(stInfo.stSrc == stDatagram.stSrc) || !(stInfo.stDst == stDatagram.stDst) ||
+            stInfo.cPt != cPt || pStream->pTrack->dwStream != pStream->dwIndex)
+            continue;
+        const uint64 ullLastUs = pStream->stat.LastUs();
+        if (ullNowUs <= ullLastUs + c_ullReplacedLatestUs)
+            nThere++;
+        const auto itOther = m_mapHeard.find(stInfo.dwSsrc);
+        const std::string& strOther = !stInfo.strCname.empty() || itOther == m_mapHeard.end()
+                                          ? stInfo.strCname
+                                          : itOther->second.strCname;
+        const bool bBothKnown = !strCname.empty() && !strOther.empty();
+        if (bBothKnown && strCname != strOther)
+            continue;
+        if (!bBothKnown && ullNowUs > ullLastUs + c_ullReplacedLatestUs)
+            continue;
+        bool bStopped = false;
+        bool bUnclear = false;
+        if (m_bScanned)
+        {
+            const auto it = m_mapCandidates.find(pStream->stKey);
+            bStopped = it != m_mapCandidates.end() && it->second.learn.LastUs() < ullBeganUs;
+        }
+        else if (ullLastUs <= ullBeganUs + c_ullReplacedReorderUs)
+        {
+            bStopped = stInfo.bBye || ullNowUs >= ullLastUs + c_ullReplacedUs;
+            bUnclear = !bStopped;
+        }
+        bPerhaps = bPerhaps || bUnclear;
+        if (bStopped && (pFollowed == nullptr || ullLastUs > pFollowed->stat.LastUs()))
+        {
+            pFollowed = pStream.get();
+            bSame = bBothKnown;
+        }
+    }
+    if (bPerhaps)
+        return FOLLOWS_PERHAPS;
+    if (pFollowed == nullptr || (!bSame && nThere != 1))
+        return FOLLOWS_NONE;
+    return stCandidate.learn.Alive() ? FOLLOWS : FOLLOWS_PERHAPS;
+}
+
+// The stream is the receiver's stream of the one that it follows.
+void CRtpIntakeImpl::Follow(tagStream& stStream, tagStream& stFollowed, const tagRtpDatagram& stDatagram,
+                            const tagRtpHeader& stHeader)
+{
+    tagRtpStreamInfo& stInfo = stStream.stInfo;
+    const auto itHeard = m_mapHeard.find(stInfo.dwSsrc);
+    if (itHeard != m_mapHeard.end())
+        stInfo.strCname = itHeard->second.strCname;
+    DropHeld(stFollowed);
+    stInfo.llAccount = stFollowed.stInfo.llAccount;
+    stInfo.cSubType = stFollowed.stInfo.cSubType;
+    stInfo.bPlacedBySr = stFollowed.stInfo.bPlacedBySr;
+    stInfo.nFollows = (int)stFollowed.dwIndex;
+    stStream.pTrack = stFollowed.pTrack;
+    tagTrack& track = *stStream.pTrack;
+    track.dwStream = stStream.dwIndex;
+    const CRtpContinuity::tagWire stWire = Wire(stStream, stDatagram, stHeader);
+    NoteArrival(*track.pUser, stWire.llArrivalUs);
+    stStream.llFollowedUs = track.continuity.LastArrivalUs();
+    track.continuity.RestartAt(stWire, Lag(track));
+    stStream.bFollows = true;
 }
 
 // Whose stream it is, and where its first packet stands on that user's timeline.
@@ -580,7 +737,7 @@ void CRtpIntakeImpl::Settle(tagStream& stStream, const tagRtpDatagram& stDatagra
     stUser.setSubTypes.insert(stInfo.cSubType);
     if (bFirst)
         stUser.ullFirstUs = stDatagram.ullArrivalUs;
-    stStream.llBaseUs = (int64_t)(stDatagram.ullArrivalUs - stUser.ullFirstUs);
+    int64_t llBaseUs = (int64_t)stDatagram.ullArrivalUs - (int64_t)stUser.ullFirstUs;
     if (itHeard != m_mapHeard.end() && itHeard->second.bSr && stStream.dwClock != 0)
     {
         const int64_t llNtpUs = itHeard->second.llNtpUs +
@@ -589,21 +746,29 @@ void CRtpIntakeImpl::Settle(tagStream& stStream, const tagRtpDatagram& stDatagra
         {
             stUser.bSr = true;
             stUser.llNtpUs = llNtpUs;
-            stUser.llSrUs = stStream.llBaseUs;
+            stUser.llSrUs = llBaseUs;
             stInfo.bPlacedBySr = bFirst;
         }
         else
         {
             const int64_t llSrUs = stUser.llSrUs + llNtpUs - stUser.llNtpUs;
-            if (std::llabs(llSrUs - stStream.llBaseUs) <= c_llMaxSrSkewUs)
+            if (std::llabs(llSrUs - llBaseUs) <= c_llMaxSrSkewUs)
             {
-                stStream.llBaseUs = llSrUs;
+                llBaseUs = llSrUs;
                 stInfo.bPlacedBySr = true;
             }
         }
     }
+    stStream.pTrack = std::make_shared<tagTrack>();
+    tagTrack& track = *stStream.pTrack;
+    track.pUser = &stUser;
+    track.dwClock = stStream.dwClock;
+    track.dwFirstTs = dwFirstTs;
+    track.dwStream = stStream.dwIndex;
+    track.dequeSsrcs.push_back({0, stInfo.dwSsrc});
+    track.continuity.Begin(llBaseUs, stStream.dwClock, !bAudio);
     if (!bAudio)
-        stStream.pFrames.reset(new CRtpFrames(m_stOptions.dwLookAheadPackets + 256));
+        track.pFrames.reset(new CRtpFrames(m_stOptions.dwLookAheadPackets + 256));
 }
 
 // ---- Packets ----
@@ -652,7 +817,8 @@ void CRtpIntakeImpl::OnRtcp(const tagRtpDatagram& stDatagram)
                 stInfo.ullNacks++;
                 stInfo.ullNackedSeqs += stEvent.vecRtpSeq.size();
                 for (uint16 wSeq : stEvent.vecRtpSeq)
-                    stEvent.vecSendSeq.push_back((uint32)pStream->seq.Peek(wSeq));
+                    stEvent.vecSendSeq.push_back(
+                        pStream->pTrack ? (uint32)pStream->pTrack->continuity.PeekSeq(wSeq) : wSeq);
                 break;
             case RTP_EVENT_PLI: stInfo.ullPlis++; break;
             }
@@ -687,6 +853,7 @@ void CRtpIntakeImpl::OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader&
     }
     const bool bMapped = m_stOptions.mapFormats.count(stHeader.cPt) > 0;
     tagCandidate* pCandidate = nullptr;
+    tagStream* pFollowed = nullptr;
     if (m_bScanned)
     {
         const auto it = m_mapCandidates.find(stKey);
@@ -696,6 +863,8 @@ void CRtpIntakeImpl::OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader&
             return;
         }
         pCandidate = &it->second;
+        if (Followed(stKey, *pCandidate, stDatagram, stHeader.cPt, pFollowed) != FOLLOWS)
+            pFollowed = nullptr;
     }
     else
     {
@@ -706,7 +875,11 @@ void CRtpIntakeImpl::OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader&
             return;
         }
         Learn(*pCandidate, stDatagram, stHeader);
-        if (!bMapped && !IsConfirmed(*pCandidate, stHeader.cPt))
+        const emFollows eFollows = Followed(stKey, *pCandidate, stDatagram, stHeader.cPt, pFollowed);
+        if (eFollows != FOLLOWS)
+            pFollowed = nullptr;
+        if ((eFollows == FOLLOWS_NONE && !bMapped && !IsConfirmed(*pCandidate, stHeader.cPt)) ||
+            (eFollows == FOLLOWS_PERHAPS && HeldBytes(*pCandidate) <= c_nMaxReplacedBytes))
         {
             // Not lost: what is held goes ahead of the packet that confirms it.
             if (!pCandidate->learn.Alive() && !pCandidate->vecHeld.empty())
@@ -732,11 +905,11 @@ void CRtpIntakeImpl::OnRtp(const tagRtpDatagram& stDatagram, const tagRtpHeader&
         if (!ParseRtp(stEarlier.pData, stEarlier.dwCaptured, stEarlier.dwWire, stEarlierHeader, eReason))
             continue; // cannot be: it was read when it was held
         if (pBegun == nullptr)
-            pBegun = &Begin(stKey, pCandidate->learn, stEarlier, stEarlierHeader);
+            pBegun = &Begin(stKey, pCandidate->learn, stEarlier, stEarlierHeader, pFollowed);
         OnStreamPacket(*pBegun, stEarlier, stEarlierHeader);
     }
     if (pBegun == nullptr)
-        pBegun = &Begin(stKey, pCandidate->learn, stDatagram, stHeader);
+        pBegun = &Begin(stKey, pCandidate->learn, stDatagram, stHeader, pFollowed);
     OnStreamPacket(*pBegun, stDatagram, stHeader);
 }
 
@@ -748,15 +921,12 @@ bool CRtpIntakeImpl::IsConfirmed(const tagCandidate& stCandidate, uint8 cPt) con
         return false;
     uint32 dwSsrc = 0;
     std::string strWhy;
-    size_t nHeldBytes = 0;
-    for (const tagHeld& stHeld : stCandidate.vecHeld)
-        nHeldBytes += stHeld.vecBytes.size();
-    return nHeldBytes > c_nMaxHeldBytes || RtpStaticFormat(cPt) != nullptr ||
+    return HeldBytes(stCandidate) > c_nMaxHeldBytes || RtpStaticFormat(cPt) != nullptr ||
            stCandidate.learn.KnownByPayload() || stCandidate.learn.RtxOriginal(dwSsrc, strWhy) ||
            stCandidate.vecHeld.size() + 1 >= c_nGuessPackets;
 }
 
-// The lane whose count the packet carries on the downlink.
+// The lane whose count the packet carries on the downlink; wSeq is replaced where that is the transport's.
 CRtpDownlink::CLane& CRtpIntakeImpl::Lane(tagStream& stStream, const tagRtpDatagram& stDatagram,
                                           const tagRtpHeader& stHeader, uint16& wSeq)
 {
@@ -779,18 +949,22 @@ CRtpDownlink::CLane& CRtpIntakeImpl::Lane(tagStream& stStream, const tagRtpDatag
             m_mapTransportLanes.count(stTransport) > 0)
             return m_mapTransportLanes[stTransport];
     }
-    wSeq = stHeader.wSeq;
     return stStream.lane;
 }
 
 void CRtpIntakeImpl::OnStreamPacket(tagStream& stStream, const tagRtpDatagram& stDatagram,
                                     const tagRtpHeader& stHeader)
 {
+    if (stStream.pTrack)
+    {
+        OnMediaPacket(stStream, stDatagram, stHeader);
+        return;
+    }
     // The wire's own figures, whatever becomes of the packet.
     const uint32 dwWire = std::max(stDatagram.dwWire, stDatagram.dwCaptured);
     stStream.stat.OnPacket(stDatagram.ullArrivalUs, stHeader.wSeq, stHeader.dwTs, dwWire, stStream.dwClock);
 
-    uint16 wLaneSeq = 0;
+    uint16 wLaneSeq = stHeader.wSeq;
     CRtpDownlink::CLane& lane = Lane(stStream, stDatagram, stHeader, wLaneSeq);
 
     // FEC that shares a media stream's sequences goes on with it: left out, it would look lost.
@@ -800,35 +974,224 @@ void CRtpIntakeImpl::OnStreamPacket(tagStream& stStream, const tagRtpDatagram& s
         Drop(RTP_DROP_FEC);
         return;
     }
-    if (stStream.stInfo.stFormat.eKind == RTP_KIND_RTX)
+    tagStream* pOriginal = nullptr;
+    tagRtpHeader stOriginal;
+    CRtpContinuity::tagPlace stPlace;
+    if (!UnwrapRtx(stStream, stDatagram, stHeader, pOriginal, stOriginal, stPlace))
     {
-        tagStream* pOriginal = nullptr;
-        tagRtpHeader stOriginal;
-        if (!UnwrapRtx(stStream, stDatagram, stHeader, pOriginal, stOriginal))
-        {
-            m_downlink.Skip(lane, wLaneSeq);
-            return;
-        }
-        // The original packet again: its head with its own sequence, type and SSRC, the two bytes taken out.
-        std::vector<uint8> vecRtp(stDatagram.pData, stDatagram.pData + stHeader.dwHeadLen);
-        vecRtp[0] = (uint8)(vecRtp[0] & ~0x20); // padding, if any, was left behind
-        vecRtp[1] = (uint8)((vecRtp[1] & 0x80) | stOriginal.cPt);
-        vecRtp[2] = (uint8)(stOriginal.wSeq >> 8);
-        vecRtp[3] = (uint8)stOriginal.wSeq;
-        for (int i = 0; i < 4; i++)
-            vecRtp[8 + (size_t)i] = (uint8)(stOriginal.dwSsrc >> (24 - 8 * i));
-        const uint8* pPayload = stDatagram.pData + stHeader.dwHeadLen + 2;
-        vecRtp.insert(vecRtp.end(), pPayload, pPayload + stOriginal.dwCaptured);
-        Place(*pOriginal, stDatagram, stOriginal, std::move(vecRtp), true, m_downlink.Number(lane, wLaneSeq));
+        m_downlink.Skip(lane, wLaneSeq);
         return;
     }
+    // The original packet again: its head with its own sequence, type and SSRC, the two bytes taken out.
+    std::vector<uint8> vecRtp(stDatagram.pData, stDatagram.pData + stHeader.dwHeadLen);
+    vecRtp[0] = (uint8)(vecRtp[0] & ~0x20); // padding, if any, was left behind
+    vecRtp[1] = (uint8)((vecRtp[1] & 0x80) | stOriginal.cPt);
+    vecRtp[2] = (uint8)(stOriginal.wSeq >> 8);
+    vecRtp[3] = (uint8)stOriginal.wSeq;
+    for (int i = 0; i < 4; i++)
+        vecRtp[8 + (size_t)i] = (uint8)(stOriginal.dwSsrc >> (24 - 8 * i));
+    const uint8* pPayload = stDatagram.pData + stHeader.dwHeadLen + 2;
+    vecRtp.insert(vecRtp.end(), pPayload, pPayload + stOriginal.dwCaptured);
+    Place(*pOriginal, stDatagram, stOriginal, std::move(vecRtp), true, m_downlink.Number(lane, wLaneSeq),
+          stPlace, RTP_RESTART_NONE, false);
+}
+
+CRtpContinuity::tagWire CRtpIntakeImpl::Wire(const tagStream& stStream, const tagRtpDatagram& stDatagram,
+                                             const tagRtpHeader& stHeader) const
+{
+    CRtpContinuity::tagWire st;
+    st.llArrivalUs = (int64_t)stDatagram.ullArrivalUs - (int64_t)stStream.pTrack->pUser->ullFirstUs;
+    st.wSeq = stHeader.wSeq;
+    st.dwTs = stHeader.dwTs;
+    st.cPt = stHeader.cPt;
+    if (stHeader.cPt == stStream.stInfo.cPt)
+    {
+        st.dwClock = stStream.dwClock;
+        return st;
+    }
+    // Another payload type may count another clock, if it is the same kind of media. Tones and comfort noise are not:
+    // they stand between its packets and on its clock.
+    const auto it = m_stOptions.mapFormats.find(stHeader.cPt);
+    const tagRtpFormat* pFormat =
+        it != m_stOptions.mapFormats.end() ? &it->second : RtpStaticFormat(stHeader.cPt);
+    if (pFormat != nullptr && pFormat->eKind == stStream.stInfo.stFormat.eKind && pFormat->strCodec != "CN" &&
+        pFormat->strCodec != "telephone-event")
+        st.dwClock = pFormat->dwClock;
+    return st;
+}
+
+void CRtpIntakeImpl::NoteArrival(tagUser& stUser, int64_t llArrivalUs)
+{
+    if (stUser.llLastUs > 0 && llArrivalUs - stUser.llLastUs >= c_llAwayUs)
+    {
+        stUser.llBackUs = llArrivalUs;
+        stUser.llAwayUs = llArrivalUs - stUser.llLastUs;
+    }
+    stUser.llLastUs = std::max(stUser.llLastUs, llArrivalUs);
+}
+
+// How far the receiver's clock stands behind real time when a user comes back after a while.
+int64_t CRtpIntakeImpl::Lag(const tagTrack& track)
+{
+    const tagUser& stUser = *track.pUser;
+    if (track.continuity.LastArrivalUs() >= stUser.llBackUs || stUser.llAwayUs >= c_llForgottenUs)
+        return 0;
+    return stUser.llAwayUs / 4 + c_llAheadUs;
+}
+
+// A packet of audio or video, judged by how it goes on with its stream.
+void CRtpIntakeImpl::OnMediaPacket(tagStream& stStream, const tagRtpDatagram& stDatagram,
+                                   const tagRtpHeader& stHeader)
+{
+    tagTrack& track = *stStream.pTrack;
+    const CRtpContinuity::tagWire stWire = Wire(stStream, stDatagram, stHeader);
+    NoteArrival(*track.pUser, stWire.llArrivalUs);
+
+    if (track.dwStream != stStream.dwIndex)
+    {
+        if (OnReplaced(stStream, stWire, stDatagram, stHeader))
+            PlaceMedia(stStream, stDatagram, stHeader, track.continuity.Take(stWire), RTP_RESTART_NONE,
+                       false);
+        return;
+    }
+    if (stStream.bFollows)
+    {
+        stStream.bFollows = false;
+        const bool bClear = Restarted(stStream, RTP_RESTART_SSRC, stStream.llFollowedUs, stWire);
+        PlaceMedia(stStream, stDatagram, stHeader, track.continuity.Take(stWire), RTP_RESTART_SSRC, bClear);
+        return;
+    }
+
+    CRtpContinuity::emHeld eHeld = CRtpContinuity::HELD_KEEP;
+    const int64_t llLastUs = track.continuity.LastArrivalUs();
+    const CRtpContinuity::emVerdict eVerdict = track.continuity.Judge(stWire, eHeld);
+    if (eHeld == CRtpContinuity::HELD_DROP)
+        DropHeld(stStream);
+    if (eHeld == CRtpContinuity::HELD_PLACE)
+        PlaceHeld(stStream, RTP_RESTART_NONE, 0);
+    if (eVerdict == CRtpContinuity::RESTART)
+        PlaceHeld(stStream, track.continuity.Restart(stWire, Lag(track)), llLastUs);
+    switch (eVerdict)
+    {
+    case CRtpContinuity::TAKE:
+    case CRtpContinuity::RESTART:
+        PlaceMedia(stStream, stDatagram, stHeader, track.continuity.Take(stWire), RTP_RESTART_NONE, false);
+        break;
+    case CRtpContinuity::HOLD:
+        stStream.pHeld.reset(new tagHeld{
+            stDatagram, std::vector<uint8>(stDatagram.pData, stDatagram.pData + stDatagram.dwCaptured)});
+        break;
+    case CRtpContinuity::REFUSE: DropStray(stStream, stDatagram, stHeader); break;
+    }
+}
+
+// A packet of an SSRC that another one follows. A late one is taken. When more come, both speak: this one gets a stream
+// of its own.
+// @return true: it is a late one
+bool CRtpIntakeImpl::OnReplaced(tagStream& stStream, const CRtpContinuity::tagWire& stWire,
+                                const tagRtpDatagram& stDatagram, const tagRtpHeader& stHeader)
+{
+    if (stStream.pTrack->continuity.IsLate(stWire))
+        return true;
+    if (!stStream.bSpokeAgain)
+    {
+        stStream.bSpokeAgain = true;
+        DropStray(stStream, stDatagram, stHeader);
+        return false;
+    }
+    Settle(stStream, stDatagram, stHeader.dwTs);
+    char szText[96];
+    std::snprintf(szText, sizeof(szText), "SSRC %08x: speaks again beside the one that seemed to follow it",
+                  stStream.stInfo.dwSsrc);
+    Guessed(szText);
+    OnMediaPacket(stStream, stDatagram, stHeader);
+    return false;
+}
+
+void CRtpIntakeImpl::DropStray(tagStream& stStream, const tagRtpDatagram& stDatagram,
+                               const tagRtpHeader& stHeader)
+{
+    uint16 wLaneSeq = 0;
+    CRtpDownlink::CLane& lane = Lane(stStream, stDatagram, stHeader, wLaneSeq);
+    if (&lane != &stStream.lane)
+        m_downlink.Skip(lane, wLaneSeq);
+    Drop(RTP_DROP_RTP_STRAY);
+}
+
+void CRtpIntakeImpl::DropHeld(tagStream& stStream)
+{
+    if (!stStream.pHeld)
+        return;
+    const std::unique_ptr<tagHeld> pHeld = std::move(stStream.pHeld);
+    pHeld->stDatagram.pData = pHeld->vecBytes.data();
+    tagRtpHeader stHeader;
+    emRtpDrop eReason = RTP_DROP_NOT_RTP;
+    if (ParseRtp(pHeld->stDatagram.pData, pHeld->stDatagram.dwCaptured, pHeld->stDatagram.dwWire, stHeader,
+                 eReason))
+        DropStray(stStream, pHeld->stDatagram, stHeader);
+}
+
+// The held packet leaves: as the first of a new numbering, else as one whose timestamp nobody confirmed.
+void CRtpIntakeImpl::PlaceHeld(tagStream& stStream, emRtpRestart eRestart, int64_t llLastUs)
+{
+    if (!stStream.pHeld)
+        return;
+    const std::unique_ptr<tagHeld> pHeld = std::move(stStream.pHeld);
+    pHeld->stDatagram.pData = pHeld->vecBytes.data();
+    tagRtpHeader stHeader;
+    emRtpDrop eReason = RTP_DROP_NOT_RTP;
+    if (!ParseRtp(pHeld->stDatagram.pData, pHeld->stDatagram.dwCaptured, pHeld->stDatagram.dwWire, stHeader,
+                  eReason))
+        return; // cannot be: it was read when it was held
+    CRtpContinuity& continuity = stStream.pTrack->continuity;
+    const CRtpContinuity::tagWire stWire = Wire(stStream, pHeld->stDatagram, stHeader);
+    const bool bRestart = eRestart != RTP_RESTART_NONE;
+    const bool bClear = bRestart && Restarted(stStream, eRestart, llLastUs, stWire);
+    PlaceMedia(stStream, pHeld->stDatagram, stHeader,
+               bRestart ? continuity.Take(stWire) : continuity.TakeAlone(stWire), eRestart, bClear);
+}
+
+// Counts and notes it. @return the receiver's stream is to be cleared: what it had was played or is of no use
+bool CRtpIntakeImpl::Restarted(tagStream& stStream, emRtpRestart eRestart, int64_t llLastUs,
+                               const CRtpContinuity::tagWire& stWire)
+{
+    tagTrack& track = *stStream.pTrack;
+    stStream.stInfo.dwRestarts++;
+    if (eRestart == RTP_RESTART_SSRC)
+    {
+        track.dequeSsrcs.push_back({track.continuity.Restarts(), stStream.stInfo.dwSsrc});
+        if (track.dequeSsrcs.size() > 8)
+            track.dequeSsrcs.pop_front();
+    }
+    char szText[160];
+    std::snprintf(
+        szText, sizeof(szText),
+        "SSRC %08x PT %u: numbering began anew by its %s, %.3f s after its user's first packet (now sequence "
+        "%u, timestamp %u)",
+        stStream.stInfo.dwSsrc, (unsigned)stWire.cPt, RtpRestartText(eRestart),
+        (double)stWire.llArrivalUs / 1e6, (unsigned)stWire.wSeq, stWire.dwTs);
+    Guessed(szText);
+    return stWire.llArrivalUs - llLastUs >= c_llClearUs;
+}
+
+void CRtpIntakeImpl::PlaceMedia(tagStream& stStream, const tagRtpDatagram& stDatagram,
+                                const tagRtpHeader& stHeader, const CRtpContinuity::tagPlace& stPlace,
+                                emRtpRestart eRestart, bool bClear)
+{
+    const uint32 dwWire = std::max(stDatagram.dwWire, stDatagram.dwCaptured);
+    const uint32 dwTs = stStream.pTrack->dwFirstTs + (uint32)stPlace.llTicks; // modulo 2^32
+    stStream.stat.OnPacket(stDatagram.ullArrivalUs, (uint16)stPlace.llSeq, dwTs, dwWire, stStream.dwClock);
+
+    uint16 wLaneSeq = (uint16)stPlace.llSeq; // modulo 65536
+    CRtpDownlink::CLane& lane = Lane(stStream, stDatagram, stHeader, wLaneSeq);
     Place(stStream, stDatagram, stHeader,
           std::vector<uint8>(stDatagram.pData, stDatagram.pData + stDatagram.dwCaptured), false,
-          m_downlink.Number(lane, wLaneSeq));
+          m_downlink.Number(lane, wLaneSeq), stPlace, eRestart, bClear);
 }
 
 bool CRtpIntakeImpl::UnwrapRtx(tagStream& stRtx, const tagRtpDatagram& stDatagram,
-                               const tagRtpHeader& stHeader, tagStream*& pOriginal, tagRtpHeader& stOriginal)
+                               const tagRtpHeader& stHeader, tagStream*& pOriginal, tagRtpHeader& stOriginal,
+                               CRtpContinuity::tagPlace& stPlace)
 {
     if (stHeader.dwPayload < 2)
     {
@@ -841,7 +1204,7 @@ bool CRtpIntakeImpl::UnwrapRtx(tagStream& stRtx, const tagRtpDatagram& stDatagra
         return false;
     }
     pOriginal = FindOriginal(stRtx);
-    if (pOriginal == nullptr || pOriginal->stInfo.llAccount == 0)
+    if (pOriginal == nullptr || !pOriginal->pTrack)
     {
         Drop(RTP_DROP_RTX_UNKNOWN);
         return false;
@@ -858,31 +1221,35 @@ bool CRtpIntakeImpl::UnwrapRtx(tagStream& stRtx, const tagRtpDatagram& stDatagra
         stRtx.stInfo.stFormat.nApt >= 0 ? (uint8)stRtx.stInfo.stFormat.nApt : pOriginal->stInfo.cPt;
     stOriginal.dwPayload -= 2;
     stOriginal.dwCaptured -= 2;
+    if (!pOriginal->pTrack->continuity.TakeRepeated(Wire(*pOriginal, stDatagram, stOriginal), stPlace))
+    {
+        Drop(RTP_DROP_RTX_UNKNOWN);
+        return false;
+    }
     pOriginal->stInfo.ullRtxPackets++;
     return true;
 }
 
-// Numbers the packet in its stream and on its user's timeline, and queues it.
-//
-// A sender that starts anew (sequence or timestamp far from where the stream was) would be noticed here, before
-// the three unwrappers below take the packet; today such a jump is taken as it comes.
+// Queues a packet that has its number and its place on its user's timeline.
 void CRtpIntakeImpl::Place(tagStream& stStream, const tagRtpDatagram& stDatagram,
                            const tagRtpHeader& stHeader, std::vector<uint8> vecRtp, bool bByRtx,
-                           uint32 dwDownSeq)
+                           uint32 dwDownSeq, const CRtpContinuity::tagPlace& stPlace, emRtpRestart eRestart,
+                           bool bClear)
 {
     const tagRtpStreamInfo& stInfo = stStream.stInfo;
+    tagTrack& track = *stStream.pTrack;
     m_dequeOut.emplace_back();
     tagWaiting& stWaiting = m_dequeOut.back();
     tagRtpMedia& st = stWaiting.stMedia;
-    stWaiting.llSeq = stStream.seq.Take(stHeader.wSeq);
-    const int64_t llTs = stStream.ts.Take(stHeader.dwTs);
-    const bool bNew = stStream.window.Mark(stWaiting.llSeq);
+    stWaiting.llSeq = stPlace.llSeq;
+    const bool bNew = track.window.Mark(stWaiting.llSeq);
     if (bByRtx && bNew)
         stStream.stInfo.ullRtxRepaired++;
 
-    const int64_t llUs = stStream.llBaseUs + (stStream.dwClock != 0 ? TicksToUs(llTs, stStream.dwClock) : 0);
-    const int64_t llMs = std::max<int64_t>(c_llFirstMediaMs + FloorDiv(llUs, 1000), 1);
+    const int64_t llMs = std::max<int64_t>(c_llFirstMediaMs + FloorDiv(stPlace.llMediaUs, 1000), 1);
 
+    st.eRestart = eRestart;
+    st.bClear = bClear;
     st.dwSendSeq = (uint32)stWaiting.llSeq;
     st.llAccount = stInfo.llAccount;
     st.dwSeq = dwDownSeq;
@@ -910,7 +1277,7 @@ void CRtpIntakeImpl::Place(tagStream& stStream, const tagRtpDatagram& stDatagram
     if (!bByRtx)
         st.dwWireLen = std::max(stDatagram.dwWire, stDatagram.dwCaptured);
 
-    if (stStream.pFrames == nullptr)
+    if (track.pFrames == nullptr)
     {
         // Audio: every packet is a frame that can be played by itself.
         st.stHead.cFrmType = def_FrameType_I;
@@ -919,10 +1286,17 @@ void CRtpIntakeImpl::Place(tagStream& stStream, const tagRtpDatagram& stDatagram
         return;
     }
     const uint8* pPayload = st.vecRtp.data() + stHeader.dwHeadLen;
-    const tagRtpMark stMark = ReadRtpMark(stStream.eForm, pPayload, stHeader.dwCaptured);
+    emRtpPayloadForm eForm = stStream.eForm;
+    if (stHeader.cPt != stInfo.cPt)
+    {
+        const auto it = m_stOptions.mapFormats.find(stHeader.cPt);
+        if (it != m_stOptions.mapFormats.end() && it->second.eKind == RTP_KIND_VIDEO)
+            eForm = RtpPayloadForm(it->second.strCodec);
+    }
+    const tagRtpMark stMark = ReadRtpMark(eForm, pPayload, stHeader.dwCaptured);
     st.bKeyMark = stMark.bKey;
-    stWaiting.pFrames = stStream.pFrames.get();
-    stWaiting.pFrame = stStream.pFrames->Add(stWaiting.llSeq, llTs, stHeader.bMarker, stMark, !bNew);
+    stWaiting.pFrames = track.pFrames.get();
+    stWaiting.pFrame = track.pFrames->Add(stWaiting.llSeq, stPlace.llTicks, stHeader.bMarker, stMark, !bNew);
 }
 
 bool CRtpIntakeImpl::IsReady(const tagWaiting& stWaiting) const
@@ -961,6 +1335,12 @@ void CRtpIntakeImpl::Flush()
         m_stTotals.aDrops[RTP_DROP_SSRC_UNCONFIRMED] += it.second.vecHeld.size();
         it.second.vecHeld.clear();
     }
+    for (const auto& pStream : m_vecStreams)
+    {
+        if (pStream->pHeld && pStream->pTrack->continuity.HeldFitsSequence())
+            PlaceHeld(*pStream, RTP_RESTART_NONE, 0);
+        DropHeld(*pStream);
+    }
 }
 
 bool CRtpIntakeImpl::PopEvent(tagRtpEvent& stEvent)
@@ -969,6 +1349,22 @@ bool CRtpIntakeImpl::PopEvent(tagRtpEvent& stEvent)
         return false;
     stEvent = std::move(m_dequeEvents.front());
     m_dequeEvents.pop_front();
+    return true;
+}
+
+bool CRtpIntakeImpl::RtpSequence(uint32 dwStream, uint32 dwSendSeq, uint32& dwSsrc, uint16& wSeq) const
+{
+    if (dwStream >= m_vecStreams.size() || !m_vecStreams[dwStream]->pTrack)
+        return false;
+    const tagTrack& track = *m_vecStreams[dwStream]->pTrack;
+    const int64_t llHighest = track.continuity.Highest();
+    const int64_t llSeq = llHighest + (int32_t)(dwSendSeq - (uint32)llHighest);
+    uint32 dwRestart = 0;
+    wSeq = track.continuity.RtpSeq(llSeq, dwRestart);
+    size_t n = track.dequeSsrcs.size();
+    while (n > 1 && track.dequeSsrcs[n - 1].first > dwRestart)
+        n--;
+    dwSsrc = track.dequeSsrcs[n - 1].second;
     return true;
 }
 
@@ -995,6 +1391,10 @@ bool CRtpIntake::PopEvent(tagRtpEvent& stEvent) { return m_pImpl->PopEvent(stEve
 uint32 CRtpIntake::StreamCount() const { return (uint32)m_pImpl->m_vecStreams.size(); }
 tagRtpStreamInfo CRtpIntake::Stream(uint32 dwStream) const { return m_pImpl->Stream(dwStream); }
 const tagRtpTotals& CRtpIntake::Totals() const { return m_pImpl->m_stTotals; }
+bool CRtpIntake::RtpSequence(uint32 dwStream, uint32 dwSendSeq, uint32& dwSsrc, uint16& wSeq) const
+{
+    return m_pImpl->RtpSequence(dwStream, dwSendSeq, dwSsrc, wSeq);
+}
 std::vector<std::string> CRtpIntake::Guesses() const { return m_pImpl->m_vecGuesses; }
 
 uint64 RtpAccountOfCname(const std::string& strCname)

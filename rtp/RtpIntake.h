@@ -27,6 +27,10 @@
 /// A stream keeps what it began with: a CNAME or a sender report that comes later counts for streams that begin later
 /// and never moves a running one.
 ///
+/// A sender that begins its numbering anew (sequence, timestamp, SSRC, a payload type with another clock) goes on
+/// as the same stream with the next number and media time by arrival; tagRtpMedia::eRestart marks the packet, and
+/// bClear asks for the receiver's stream to be cleared before it. Its first packet waits for its second.
+///
 /// Memory is bounded by the number of streams, never by the length of the input. No call throws but std::bad_alloc
 /// (nothing else is thrown on any bytes). One thread at a time.
 #ifndef RTP_INTAKE_H
@@ -57,7 +61,7 @@ public:
 
     /// Takes one datagram, in arrival order.
     void Push(const tagRtpDatagram& stDatagram);
-    /// The next media packet, in arrival order. Live: at once; else when its frame is known or the look-ahead full.
+    /// The next media packet, in arrival order but for one that waited (a stream's beginning, a restart). Live: at once; else when its frame is known or the look-ahead full.
     /// @return false when there is none yet
     bool Pop(tagRtpMedia& stMedia);
     /// Live: lets packets go that were held a few ms for their frame's type. Call it when the socket is idle.
@@ -72,6 +76,9 @@ public:
     uint32 StreamCount() const;
     /// Who a stream is, what it carries, and its figures so far.
     tagRtpStreamInfo Stream(uint32 dwStream) const;
+    /// What a sender has to be asked for (NACK): SSRC and RTP sequence of one of a stream's dwSendSeq.
+    /// @return false: no such media stream
+    bool RtpSequence(uint32 dwStream, uint32 dwSendSeq, uint32& dwSsrc, uint16& wSeq) const;
     /// Figures of the run so far.
     const tagRtpTotals& Totals() const;
 

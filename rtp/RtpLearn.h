@@ -32,6 +32,8 @@ public:
     uint8 MainPt() const; ///< the type of most packets
     uint16 HighestSeq() const { return (uint16)m_seq.Highest(); }
     uint32 LastTs() const { return m_dwLastTs; }
+    uint64 FirstUs() const { return m_ullFirstUs; } ///< arrival of its first packet
+    uint64 LastUs() const { return m_ullLastUs; }   ///< and of its last
 
     /// Kind, codec and clock of the main payload type by what was seen; strWhy says by what.
     tagRtpFormat Guess(std::string& strWhy) const;

@@ -46,6 +46,7 @@ public:
     /// @param dwClock Hz; 0: no jitter and no delays
     void OnPacket(uint64 ullArrivalUs, uint16 wSeq, uint32 dwTs, uint32 dwBytes, uint32 dwClock);
     tagRtpStat Get() const;
+    uint64 LastUs() const { return m_st.ullLastUs; } ///< arrival of the last packet
 
 private:
     void CountFrame(uint32 dwTs);

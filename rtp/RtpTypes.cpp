@@ -76,7 +76,21 @@ const char* RtpDropText(emRtpDrop eReason)
     case RTP_DROP_RTX_PADDING: return "rtx-padding";
     case RTP_DROP_RTX_UNKNOWN: return "rtx-unknown";
     case RTP_DROP_FEC: return "fec";
+    case RTP_DROP_RTP_STRAY: return "rtp-stray";
     case RTP_DROP_COUNT: break;
+    }
+    return "unknown";
+}
+
+const char* RtpRestartText(emRtpRestart eRestart)
+{
+    switch (eRestart)
+    {
+    case RTP_RESTART_NONE: return "none";
+    case RTP_RESTART_SEQUENCE: return "sequence";
+    case RTP_RESTART_TIMESTAMP: return "timestamp";
+    case RTP_RESTART_PAYLOAD: return "payload-type";
+    case RTP_RESTART_SSRC: return "ssrc";
     }
     return "unknown";
 }

@@ -42,6 +42,17 @@ struct tagRtpDatagram
     uint32 dwWire = 0;            ///< bytes that were on the wire; more than dwCaptured in a cut capture
 };
 
+/// How a sender broke its numbering. Names for people: RtpRestartText.
+enum emRtpRestart
+{
+    RTP_RESTART_NONE = 0,
+    RTP_RESTART_SEQUENCE,  ///< sequences (and mostly timestamps) begin elsewhere
+    RTP_RESTART_TIMESTAMP, ///< timestamps leap, sequences go on
+    RTP_RESTART_PAYLOAD,   ///< a payload type with another clock
+    RTP_RESTART_SSRC       ///< another SSRC of the same source goes on with the stream
+};
+const char* RtpRestartText(emRtpRestart eRestart); ///< a stable name, e.g. "sequence"
+
 /// One media packet, with all that `CAVGUdtRecv::UDTReceiveNetData` and `UdtParsePacketHeadInfo` want.
 ///
 /// A packet that came by RTX stands here as the original packet: SSRC, payload type, sequence and bytes are
@@ -49,26 +60,32 @@ struct tagRtpDatagram
 struct tagRtpMedia
 {
     // For the receiver
-    uint32 dwSendSeq = 0;  ///< the RTP sequence unwrapped; a stream's first packet has 65536 + its sequence
-    uint64 llAccount = 0;  ///< never 0
-    uint32 dwSeq = 0;      ///< number on this downlink, 2 or more; packets known lost leave holes
-    uint16 wTimeStamp = 0; ///< low 16 bits of stHead.uTimeStamp
-    uint8 cSubType = 0;    ///< 1 audio, 2 video (7, 3 for a user's second and third video)
+    /// The RTP sequence unwrapped; a stream's first packet has 65536 + its sequence. After a restart it goes on with
+    /// the next number, so its low 16 bits are the RTP sequence no more: see CRtpIntake::RtpSequence.
+    uint32 dwSendSeq = 0;
+    uint64 llAccount = 0;        ///< never 0
+    uint32 dwSeq = 0;            ///< number on this downlink, 2 or more; packets known lost leave holes
+    uint16 wTimeStamp = 0;       ///< low 16 bits of stHead.uTimeStamp
+    uint8 cSubType = 0;          ///< 1 audio, 2 video (7, 3 for a user's second and third video)
     tagUdtPacketHeadInfo stHead; ///< the media head, for `UdtParsePacketHeadInfo`
     uint16 wLen = 0;             ///< media payload bytes, as they were on the wire
 
     // What it was on the wire
-    uint32 dwStream = 0;       ///< index of its stream, for CRtpIntake::Stream
-    uint64 ullArrivalUs = 0;   ///< when it arrived, microseconds since any epoch
-    tagRtpAddr stSrc;          ///< where it came from
-    tagRtpAddr stDst;          ///< where it went to
-    uint32 dwSsrc = 0;         ///< RTP synchronisation source
-    uint8 cPt = 0;             ///< RTP payload type
-    uint16 wRtpSeq = 0;        ///< RTP sequence
-    uint32 dwRtpTs = 0;        ///< RTP timestamp
-    bool bMarker = false;      ///< RTP marker bit
-    bool bByRtx = false;       ///< it came as an RTX answer (RFC 4588)
-    bool bDuplicate = false;   ///< this sequence of the stream was handed out before
+    uint32 dwStream = 0;                      ///< index of its stream, for CRtpIntake::Stream
+    uint64 ullArrivalUs = 0;                  ///< when it arrived, microseconds since any epoch
+    tagRtpAddr stSrc;                         ///< where it came from
+    tagRtpAddr stDst;                         ///< where it went to
+    uint32 dwSsrc = 0;                        ///< RTP synchronisation source
+    uint8 cPt = 0;                            ///< RTP payload type
+    uint16 wRtpSeq = 0;                       ///< RTP sequence
+    uint32 dwRtpTs = 0;                       ///< RTP timestamp
+    bool bMarker = false;                     ///< RTP marker bit
+    bool bByRtx = false;                      ///< it came as an RTX answer (RFC 4588)
+    bool bDuplicate = false;                  ///< this sequence of the stream was handed out before
+    emRtpRestart eRestart = RTP_RESTART_NONE; ///< this packet is the first of a new numbering of its stream
+    /// With eRestart: the receiver holds nothing of the stream that is worth playing, so let it begin afresh with
+    /// `ClearRecvChn(llAccount, cSubType)` and a turn before this packet is fed.
+    bool bClear = false;
     bool bKeyMark = false;     ///< this packet itself carries a key-frame mark
     uint16 wHeadLen = 0;       ///< RTP header bytes (CSRCs and extension included) at the start of vecRtp
     uint32 dwWireLen = 0;      ///< length of the RTP packet on the wire
@@ -94,6 +111,7 @@ enum emRtpDrop
     RTP_DROP_RTX_PADDING,      ///< RTX without a payload: bandwidth probing
     RTP_DROP_RTX_UNKNOWN,      ///< RTX whose original stream is not known
     RTP_DROP_FEC,              ///< FEC in a stream of its own, which is not played
+    RTP_DROP_RTP_STRAY,        ///< its sequence belongs to no numbering of its stream
     RTP_DROP_COUNT             ///< number of reasons
 };
 const char* RtpDropText(emRtpDrop eReason); ///< a stable name, e.g. "rtp-short"
@@ -198,7 +216,7 @@ struct tagRtpStat
 /// One stream: who, what, and its figures.
 struct tagRtpStreamInfo
 {
-    uint32 dwSsrc = 0;             ///< RTP synchronisation source
+    uint32 dwSsrc = 0;             ///< RTP synchronisation source, the latest where it changed
     tagRtpAddr stSrc;              ///< of its first packet
     tagRtpAddr stDst;              ///< where it went to
     uint64 llAccount = 0;          ///< 0 for an RTX or FEC stream
@@ -217,7 +235,9 @@ struct tagRtpStreamInfo
     uint64 ullSenderReports = 0;   ///< sender reports of this stream
     uint64 ullReceiverReports = 0; ///< report blocks about this stream
     bool bBye = false;             ///< it said BYE
-    tagRtpStat stStat;             ///< its figures
+    int nFollows = -1;     ///< index of the stream that this SSRC goes on with after another one's end
+    uint32 dwRestarts = 0; ///< times its numbering began anew
+    tagRtpStat stStat;     ///< its figures
 };
 
 /// Figures of a whole run.

@@ -48,6 +48,9 @@ public:
     bool Started() const { return m_bStarted; }
     uint32 First() const { return m_dwFirst; }
 
+    /// Where the value lies, without taking it.
+    int64_t Peek(uint32 dwTs) const { return m_bStarted ? m_llHighest + (int32_t)(dwTs - m_dwHighest) : 0; }
+
     int64_t Take(uint32 dwTs)
     {
         if (!m_bStarted)
@@ -58,7 +61,7 @@ public:
             m_llHighest = 0;
             return 0;
         }
-        const int64_t llTs = m_llHighest + (int32_t)(dwTs - m_dwHighest);
+        const int64_t llTs = Peek(dwTs);
         if (llTs > m_llHighest)
         {
             m_llHighest = llTs;

@@ -417,7 +417,7 @@ void CSimCall::AtReceiver(CLabRun& run, int64 llNowUs, const tagSimPacket& stPac
 
     if ((p->wMarks & (SIM_MARK_CAME | SIM_MARK_ANSWER_CAME)) == 0)
     {
-        if (!run.Playout().IsDue(run.Receiver(), ullUin, cSubType, stream.m_uNumber, p->dwMediaMs))
+        if (!run.Playout().IsDue(run.Receiver(), ullUin, cSubType, p->dwMediaMs))
             p->wMarks |= SIM_MARK_IN_TIME;
         if (stPacket.cKind == SIM_ANSWER)
             stream.m_st.repair.Add((uint32)(llNowUs / 1000) - p->dwAskedMs);

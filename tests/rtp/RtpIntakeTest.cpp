@@ -749,10 +749,148 @@ TEST(RtpIntake, StreamsAndCandidatesAreBounded)
         CRtpIntake intake(stOptions);
         CCall call;
         for (uint32 dwSsrc = 1; dwSsrc <= 100; dwSsrc++)
-            AddAudio(call, dwSsrc, 1000 + dwSsrc * 100, 3);
+        {
+            for (uint32 i = 0; i < 3; i++) // each from elsewhere: none goes on with another one's stream
+            {
+                tagMake st;
+                st.dwSsrc = dwSsrc;
+                st.wSeq = (uint16)(100 + i);
+                st.dwTs = 7000 + i * 160;
+                call.AddFrom(1000 + dwSsrc * 100 + i * 20, MakeRtp(st), Addr((uint8)dwSsrc, 4000));
+            }
+        }
         const auto vec = call.Play(intake, bScan);
         EXPECT_EQ(10u, intake.StreamCount());
         EXPECT_EQ(30u, vec.size());
         EXPECT_EQ(270u, Dropped(intake, RTP_DROP_SSRC_TOO_MANY) + Dropped(intake, RTP_DROP_SSRC_UNCONFIRMED));
+    }
+}
+
+// 5000 ... 5009 | 20 ...: the numbers go on, and what is asked for is asked for by the sender's own.
+TEST(RtpIntake, AfterARestartNumbersAndTimeGoOnAndRequestsFindTheRtpSequence)
+{
+    CCall call;
+    AddAudio(call, 1, 1000, 100, 5000, 7000);
+    AddAudio(call, 1, 3000, 100, 20, 0xFFFFFF00);
+    CRtpIntake intake;
+    const auto vec = call.Play(intake);
+    ASSERT_EQ(200u, vec.size());
+    for (size_t i = 0; i < vec.size(); i++)
+    {
+        EXPECT_EQ(65536u + 5000 + i, vec[i].dwSendSeq);
+        EXPECT_EQ(100000u + 20 * i, vec[i].stHead.uTimeStamp);
+        EXPECT_EQ(i == 100 ? RTP_RESTART_SEQUENCE : RTP_RESTART_NONE, vec[i].eRestart);
+        EXPECT_FALSE(vec[i].bClear);
+        uint32 dwSsrc = 0;
+        uint16 wSeq = 0;
+        ASSERT_TRUE(intake.RtpSequence(0, vec[i].dwSendSeq, dwSsrc, wSeq));
+        EXPECT_EQ(vec[i].wRtpSeq, wSeq);
+        EXPECT_EQ(1u, dwSsrc);
+    }
+    EXPECT_EQ(1u, intake.Stream(0).dwRestarts);
+    EXPECT_EQ(0u, intake.Stream(0).stStat.ullLost);
+    uint32 dwSsrc = 0;
+    uint16 wSeq = 0;
+    EXPECT_FALSE(intake.RtpSequence(1, 0, dwSsrc, wSeq));
+}
+
+TEST(RtpIntake, ARestartAfterTwoSecondsOfSilenceAsksForTheStreamToBeCleared)
+{
+    for (const uint64 ullSilenceMs : {1990u, 2000u})
+    {
+        CCall call;
+        AddAudio(call, 1, 1000, 100, 5000, 7000);
+        AddAudio(call, 1, 1000 + 99 * 20 + ullSilenceMs, 100, 20, 1);
+        CRtpIntake intake;
+        const auto vec = call.Play(intake);
+        ASSERT_EQ(200u, vec.size());
+        EXPECT_EQ(RTP_RESTART_SEQUENCE, vec[100].eRestart);
+        EXPECT_EQ(ullSilenceMs >= 2000, vec[100].bClear);
+    }
+}
+
+// One packet that belongs to nothing used to move a stream's numbering by half of all sequences.
+TEST(RtpIntake, AStraySequenceIsRefusedAndAStrayTimestampPlaysWithItsNeighbour)
+{
+    CCall call;
+    AddAudio(call, 1, 1000, 100, 5000, 7000);
+    AddAudio(call, 1, 3000, 1, 30000, 7000 + 100 * 160); // a sequence from nowhere
+    AddAudio(call, 1, 3010, 1, 5100, 0x70000000);        // a timestamp from nowhere
+    AddAudio(call, 1, 3020, 100, 5101, 7000 + 101 * 160);
+    CRtpIntake intake;
+    const auto vec = call.Play(intake);
+    ASSERT_EQ(201u, vec.size());
+    EXPECT_EQ(1u, Dropped(intake, RTP_DROP_RTP_STRAY));
+    EXPECT_EQ(65536u + 5100, vec[100].dwSendSeq);
+    EXPECT_EQ(vec[99].stHead.uTimeStamp, vec[100].stHead.uTimeStamp);
+    EXPECT_EQ(vec[99].stHead.uTimeStamp + 40, vec[101].stHead.uTimeStamp);
+    EXPECT_EQ(0u, intake.Stream(0).dwRestarts);
+    EXPECT_EQ(0u, intake.Stream(0).stStat.ullLost);
+}
+
+TEST(RtpIntake, ANewSsrcOfTheSameSourceGoesOnWithItsStream)
+{
+    for (const bool bScan : {true, false})
+    {
+        CCall call;
+        AddAudio(call, 1, 1000, 100, 5000, 7000);
+        AddAudio(call, 2, 3000, 100, 60000, 1);
+        tagRtpOptions stOptions;
+        stOptions.bLive = !bScan;
+        CRtpIntake intake(stOptions);
+        const auto vec = call.Play(intake, bScan);
+        ASSERT_EQ(200u, vec.size());
+        ASSERT_EQ(2u, intake.StreamCount());
+        EXPECT_EQ(0, intake.Stream(1).nFollows);
+        EXPECT_EQ(100u, intake.Stream(1).stStat.ullPackets);
+        for (size_t i = 0; i < vec.size(); i++)
+        {
+            EXPECT_EQ(1u, vec[i].llAccount);
+            EXPECT_EQ(i / 100, vec[i].dwStream);
+            EXPECT_EQ(65536u + 5000 + i, vec[i].dwSendSeq);
+            EXPECT_EQ(100000u + 20 * i, vec[i].stHead.uTimeStamp);
+            uint32 dwSsrc = 0;
+            uint16 wSeq = 0;
+            ASSERT_TRUE(intake.RtpSequence(0, vec[i].dwSendSeq, dwSsrc, wSeq));
+            EXPECT_EQ(vec[i].dwSsrc, dwSsrc);
+            EXPECT_EQ(vec[i].wRtpSeq, wSeq);
+        }
+        EXPECT_EQ(RTP_RESTART_SSRC, vec[100].eRestart);
+    }
+}
+
+TEST(RtpIntake, ASecondSsrcBesideAnotherOneIsItsOwnAndSoIsOneOfAnotherCname)
+{
+    for (const bool bCnames : {true, false})
+    {
+        CCall call;
+        if (bCnames) // one after the other
+        {
+            call.Add(900, MakeRr(1, 9) + MakeSdes(1, "a"));
+            call.Add(900, MakeRr(2, 9) + MakeSdes(2, "b"));
+            AddAudio(call, 1, 1000, 50);
+            AddAudio(call, 2, 2500, 50);
+        }
+        else // by turns, and the first speaks on
+        {
+            AddAudio(call, 1, 1000, 50);
+            AddAudio(call, 2, 2500, 25);
+            AddAudio(call, 1, 3000, 25, 150, 7000 + 100 * 160);
+        }
+        tagRtpOptions stOptions;
+        stOptions.bLive = true;
+        CRtpIntake intake(stOptions);
+        const auto vec = call.Play(intake, false);
+        ASSERT_EQ(2u, intake.StreamCount());
+        if (bCnames)
+        {
+            EXPECT_NE(FirstOf(vec, 1)->llAccount, FirstOf(vec, 2)->llAccount);
+            EXPECT_EQ(100u, vec.size());
+        }
+        else
+        {
+            EXPECT_EQ(99u, vec.size()); // the first packet of the second turn showed that it speaks again
+            EXPECT_NE(vec.back().llAccount, FirstOf(vec, 2)->llAccount);
+        }
     }
 }
