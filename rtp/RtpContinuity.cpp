@@ -205,7 +205,7 @@ bool CRtpContinuity::GoTogether(const tagWire& stHeld, const tagWire& stWire) co
     const uint32 dwClock = stWire.dwClock != 0 ? stWire.dwClock : m_now.dwClock;
     if (dwClock == 0)
         return true;
-    const int64_t llStepUs = TicksToUs((int32_t)(stWire.dwTs - stHeld.dwTs), dwClock);
+    const int64_t llStepUs = TicksToUs(Step32(stHeld.dwTs, stWire.dwTs), dwClock);
     const int64_t llOnUs = nSeq > 0 ? llStepUs : -llStepUs;
     if (m_bVideo ? llOnUs < -c_llSlackUs : llOnUs <= 0)
         return false;
@@ -223,7 +223,7 @@ bool CRtpContinuity::RunsOn(const tagWire& stWire, int64_t llAhead)
         return false;
     }
     const bool bOn = m_dwRun > 0 && stWire.wSeq == (uint16)(m_wRunSeq + 1) &&
-                     (int32_t)(stWire.dwTs - m_dwRunTs) >= 0 &&
+                     Step32(m_dwRunTs, stWire.dwTs) >= 0 &&
                      std::llabs(llTransit - m_llRunTransit) <= c_llSlackUs;
     if (!bOn)
     {
@@ -386,7 +386,7 @@ void CRtpContinuity::Learn(const tagWire& stWire, int64_t llAhead, int64_t llTs)
 CRtpContinuity::tagPlace CRtpContinuity::TakeAlone(const tagWire& stWire)
 {
     tagWire st = stWire;
-    st.dwTs = m_now.ts.First() + (uint32)m_now.llLastTs; // modulo 2^32
+    st.dwTs = Add32(m_now.ts.First(), m_now.llLastTs);
     return PlaceIn(m_now, st);
 }
 

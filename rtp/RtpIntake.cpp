@@ -740,8 +740,8 @@ void CRtpIntakeImpl::Settle(tagStream& stStream, const tagRtpDatagram& stDatagra
     int64_t llBaseUs = (int64_t)stDatagram.ullArrivalUs - (int64_t)stUser.ullFirstUs;
     if (itHeard != m_mapHeard.end() && itHeard->second.bSr && stStream.dwClock != 0)
     {
-        const int64_t llNtpUs = itHeard->second.llNtpUs +
-                                TicksToUs((int32_t)(dwFirstTs - itHeard->second.dwSrTs), stStream.dwClock);
+        const int64_t llNtpUs =
+            itHeard->second.llNtpUs + TicksToUs(Step32(itHeard->second.dwSrTs, dwFirstTs), stStream.dwClock);
         if (!stUser.bSr)
         {
             stUser.bSr = true;
@@ -1179,7 +1179,7 @@ void CRtpIntakeImpl::PlaceMedia(tagStream& stStream, const tagRtpDatagram& stDat
                                 emRtpRestart eRestart, bool bClear)
 {
     const uint32 dwWire = std::max(stDatagram.dwWire, stDatagram.dwCaptured);
-    const uint32 dwTs = stStream.pTrack->dwFirstTs + (uint32)stPlace.llTicks; // modulo 2^32
+    const uint32 dwTs = Add32(stStream.pTrack->dwFirstTs, stPlace.llTicks);
     stStream.stat.OnPacket(stDatagram.ullArrivalUs, (uint16)stPlace.llSeq, dwTs, dwWire, stStream.dwClock);
 
     uint16 wLaneSeq = (uint16)stPlace.llSeq; // modulo 65536
@@ -1358,7 +1358,7 @@ bool CRtpIntakeImpl::RtpSequence(uint32 dwStream, uint32 dwSendSeq, uint32& dwSs
         return false;
     const tagTrack& track = *m_vecStreams[dwStream]->pTrack;
     const int64_t llHighest = track.continuity.Highest();
-    const int64_t llSeq = llHighest + (int32_t)(dwSendSeq - (uint32)llHighest);
+    const int64_t llSeq = llHighest + Step32((uint32)llHighest, dwSendSeq);
     uint32 dwRestart = 0;
     wSeq = track.continuity.RtpSeq(llSeq, dwRestart);
     size_t n = track.dequeSsrcs.size();
@@ -1400,10 +1400,10 @@ std::vector<std::string> CRtpIntake::Guesses() const { return m_pImpl->m_vecGues
 uint64 RtpAccountOfCname(const std::string& strCname)
 {
     uint64 ullHash = 14695981039346656037ull;
-    for (unsigned char c : strCname)
+    for (const char c : strCname)
     {
-        ullHash ^= c;
-        ullHash *= 1099511628211ull;
+        ullHash ^= (uint8)c;
+        ullHash *= 1099511628211ull; // modulo 2^64 by intent
     }
     return ullHash == 0 ? 1 : ullHash;
 }

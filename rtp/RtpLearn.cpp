@@ -70,7 +70,7 @@ void CRtpLearn::OnPacket(const tagRtpHeader& stHeader, const uint8* pPayload, ui
     if (bSamePt && nStep == 1)
     {
         m_dwPairs++;
-        const int64_t llTicks = (int32_t)(stHeader.dwTs - m_dwLastTs);
+        const int64_t llTicks = Step32(m_dwLastTs, stHeader.dwTs);
         if (llTicks == 0)
             m_dwSameTs++;
         else if (m_dwStepWeight == 0 || llTicks == m_llStepTicks)
@@ -227,7 +227,7 @@ void CRtpLearn::TestRtx(const tagRtpHeader& stHeader, const uint8* pPayload, uin
     // A repeated packet lies a little behind its stream's newest, and carries its original timestamp.
     const uint16 wOriginal = (uint16)(pPayload[0] << 8 | pPayload[1]);
     const uint16 wBehind = (uint16)(original.HighestSeq() - wOriginal);
-    const int64_t llTicks = (int32_t)(stHeader.dwTs - original.LastTs());
+    const int64_t llTicks = Step32(original.LastTs(), stHeader.dwTs);
     if (wBehind >= 3000 || std::llabs(llTicks) > 3000000)
         return;
     for (tagRtxMatch& st : m_aRtx)

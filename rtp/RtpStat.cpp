@@ -116,7 +116,7 @@ void CRtpStat::Delay(uint64 ullArrivalUs, uint32 dwTs, uint32 dwClock)
 {
     const bool bFirst = !m_ts.Started();
     const int64_t llTransitUs =
-        (int64_t)(ullArrivalUs - m_ullFirstArrivalUs) - TicksToUs(m_ts.Take(dwTs), dwClock);
+        (int64_t)ullArrivalUs - (int64_t)m_ullFirstArrivalUs - TicksToUs(m_ts.Take(dwTs), dwClock);
 
     if (!bFirst)
     {

@@ -6,6 +6,15 @@
 
 #include "xptypes.h"
 
+/// From one 32-bit count to another the short way round; half way counts as back. Modulo 2^32 by intent.
+inline int32_t Step32(uint32 dwFrom, uint32 dwTo)
+{
+    return (int32_t)(uint32)((uint64_t)dwTo + 0x100000000ull - dwFrom);
+}
+
+/// A 32-bit count so many further on or back, modulo 2^32.
+inline uint32 Add32(uint32 dwCount, int64_t llStep) { return (uint32)((uint64_t)dwCount + (uint32)llStep); }
+
 /// A 16-bit sequence as a 64-bit one. The highest seen is the reference: a value up to 32767 ahead of it moves it,
 /// anything else lies behind (exactly half way, 32768, counts as behind).
 ///
@@ -49,7 +58,7 @@ public:
     uint32 First() const { return m_dwFirst; }
 
     /// Where the value lies, without taking it.
-    int64_t Peek(uint32 dwTs) const { return m_bStarted ? m_llHighest + (int32_t)(dwTs - m_dwHighest) : 0; }
+    int64_t Peek(uint32 dwTs) const { return m_bStarted ? m_llHighest + Step32(m_dwHighest, dwTs) : 0; }
 
     int64_t Take(uint32 dwTs)
     {

@@ -677,11 +677,15 @@ void CListen::SendRequests()
     std::map<uint32, std::map<uint32, std::vector<uint16>>> mapByDoor;
     for (const tagRtpAsk& st : vecNacks)
     {
-        for (const tagKnown& stKnown : m_vecKnown)
+        for (uint32 i = 0; i < m_vecKnown.size(); i++)
         {
-            if (stKnown.stInfo.dwSsrc != st.dwSsrc)
+            if (m_vecKnown[i].stInfo.dwSsrc != st.dwSsrc)
                 continue;
-            mapByDoor[stKnown.uDoor][st.dwSsrc].push_back((uint16)st.dwSeq);
+            // After a restart the sender's own numbers are not ours.
+            uint32 dwSsrc = 0;
+            uint16 wSeq = 0;
+            if (m_intake.RtpSequence(i, st.dwSeq, dwSsrc, wSeq))
+                mapByDoor[m_vecKnown[i].uDoor][dwSsrc].push_back(wSeq);
             break;
         }
         tagAsked& stAsked = m_mapAsked.emplace(st, tagAsked{ullNowUs, 0}).first->second;

@@ -317,7 +317,7 @@ void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
         if (!stStream.bKeySeen)
             m_vecPlis.push_back({stMedia.dwStream, stStream.bKeyLost});
     }
-    m_drops.Came(dwSsrc, (uint16)stMedia.dwSendSeq, LiveNowUs());
+    m_drops.Came(dwSsrc, stMedia.wRtpSeq, LiveNowUs());
     m_checks.Fed(*pPacket, dwNow);
     if (m_stOptions.pSeries)
     {

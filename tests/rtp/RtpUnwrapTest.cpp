@@ -192,3 +192,15 @@ TEST(RtpStat, JitterAndDelayFollowTheArrivals)
     EXPECT_EQ(36000u, st.ullLongestGapUs);
     EXPECT_EQ(100u, st.ullFrames);
 }
+
+TEST(RtpUnwrap, StepsOf32BitsGoTheShortWayAndHalfWayIsBack)
+{
+    EXPECT_EQ(1, Step32(0xFFFFFFFF, 0));
+    EXPECT_EQ(-1, Step32(0, 0xFFFFFFFF));
+    EXPECT_EQ(0x7FFFFFFF, Step32(5, 0x80000004));
+    EXPECT_EQ(INT32_MIN, Step32(5, 0x80000005));
+    EXPECT_EQ(0, Step32(7, 7));
+    EXPECT_EQ(4u, Add32(0xFFFFFFFE, 6));
+    EXPECT_EQ(0xFFFFFFFEu, Add32(4, -6));
+    EXPECT_EQ(4u, Add32(4, 0x300000000));
+}
