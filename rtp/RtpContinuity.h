@@ -95,8 +95,8 @@ public:
     uint32 Restarts() const { return m_dwRestarts; }
 
 private:
-    static const size_t c_nRecent = 512;
-    static const size_t c_nTransits = 15;
+    static constexpr size_t c_nRecent = 512;
+    static constexpr size_t c_nTransits = 15;
 
     struct tagNumbering
     {
