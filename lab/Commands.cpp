@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include "Files.h"
+#include "FlightRecorder.h"
 #include "ListenCommand.h"
 #include "MatrixCommand.h"
 #include "Replay.h"
@@ -38,8 +39,9 @@ struct tagReplayArgs
 void AddReplay(CLI::App& app, tagReplayArgs& args)
 {
     CLI::App* p = app.add_subcommand("replay", "Play RTP captures through the receiver, in virtual time");
-    p->add_option("captures", args.st.vecCaptures,
-                  "pcap, pcapng or rtpdump files; several are merged by time")
+    p->add_option(
+         "captures", args.st.vecCaptures,
+         "pcap, pcapng or rtpdump files, several are merged by time; or one flight recording of listen")
         ->required()
         ->type_name("CAPTURE");
     p->add_option("--json", args.strJson, "write all figures as JSON (-: to stdout, instead of the tables)")
@@ -79,9 +81,56 @@ bool WriteJson(const std::string& strPath, const tagReplayResult& stResult, std:
     return WriteText(strPath, strText, strError);
 }
 
+// A flight recording of `udtlab listen`: are the decisions those that were made then?
+int ReplayFlightFile(const tagReplayArgs& args)
+{
+    CRunSeries series;
+    const std::string& strPath = args.st.vecCaptures.front();
+    const tagFlightResult st = ReplayFlight(strPath, args.stFiles.Wanted() ? &series : nullptr);
+    if (!st.strError.empty())
+        return Complain(st.strError);
+    nlohmann::ordered_json j;
+    j["format"] = "udtlab-flight-replay";
+    j["version"] = 1;
+    j["recording"] = nlohmann::ordered_json::parse(st.strHeader, nullptr, false);
+    j["span_ms"] = st.dwSpanMs;
+    j["packets"] = st.ullPackets;
+    j["turns"] = st.ullTurns;
+    j["releases"] = st.ullReleases;
+    j["requests"] = st.ullRequests;
+    j["states_compared"] = st.ullStates;
+    j["equal"] = st.strDifference.empty();
+    j["first_difference"] =
+        st.strDifference.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(st.strDifference);
+    if (args.strJson != "-" && !args.stFiles.ToStdout())
+        fmt::print("{}: {:.1f} s, {} packets in, {} turns, {} releases, {} requests\n{}\n", strPath,
+                   st.dwSpanMs / 1000.0, st.ullPackets, st.ullTurns, st.ullReleases, st.ullRequests,
+                   st.strDifference.empty()
+                       ? fmt::format(
+                             "every release and request as it was then, and the receiver's state at {} times",
+                             st.ullStates)
+                       : "DIFFERENT " + st.strDifference);
+    std::string strError;
+    int nExit = st.strDifference.empty() ? 0 : 3;
+    if (!args.strJson.empty() && !WriteText(args.strJson, j.dump(2) + "\n", strError))
+        nExit = std::max(nExit, Complain(strError));
+    if (args.stFiles.Wanted())
+    {
+        tagSeriesRun stRun;
+        stRun.strKind = "listen";
+        stRun.strTitle = strPath.substr(strPath.rfind('/') + 1);
+        series.SetRun(stRun);
+        if (!WriteReport(args.stFiles, series.Json(), strError))
+            nExit = std::max(nExit, Complain(strError));
+    }
+    return nExit;
+}
+
 int Replay(tagReplayArgs& args)
 {
     std::string strError;
+    if (args.st.vecCaptures.size() == 1 && IsFlightFile(args.st.vecCaptures.front()))
+        return ReplayFlightFile(args);
     for (const std::string& strMap : args.vecMaps)
         if (!ParseRtpMap(strMap, args.st.mapFormats, strError))
             return Complain(fmt::format("--map {}: {}", strMap, strError));

@@ -17,6 +17,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <random>
 #include <set>
@@ -135,6 +137,8 @@ private:
     tagRtpStreamInfo Named(tagRtpStreamInfo stInfo) const;
     tagUdtStats StatsNow();
     std::string LiveReport();
+    bool WriteFlight(const std::string& strWhy, std::string& strText);
+    void LookForStalls(uint64 ullNowUs);
     void GatherStreams();
     void GatherDrops(uint64 ullEndUs);
 
@@ -191,6 +195,8 @@ private:
     uint64 m_ullLastMediaUs = 0;
     bool m_bStop = false;
     uint64 m_ullNamed = 0;
+    uint64 m_ullStallsSeen = 0;
+    uint64 m_ullStallFlightUs = 0;
     std::vector<uint8> m_vecBuffer;
 };
 
@@ -256,6 +262,7 @@ bool CListen::Open()
         sigemptyset(&set);
         sigaddset(&set, SIGINT);
         sigaddset(&set, SIGTERM);
+        sigaddset(&set, SIGUSR1);
         pthread_sigmask(SIG_BLOCK, &set, nullptr); // threads made later inherit it
         m_fdSignal = CFd(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     }
@@ -280,6 +287,7 @@ bool CListen::Open()
         const uint64_t ullOne = 1;
         (void)!write(m_fdWake.Get(), &ullOne, sizeof(ullOne));
     };
+    stLive.dwFlightSeconds = m_stOptions.dwFlightSeconds;
     stLive.pSeries = m_stOptions.pSeries;
     m_pCall = std::make_unique<CLiveCall>(stLive);
     if (m_stOptions.nWebPort < 0)
@@ -287,6 +295,7 @@ bool CListen::Open()
     tagWebHooks stWeb;
     stWeb.fnReport = [this]() { return LiveReport(); };
     stWeb.fnMetrics = [this]() { return UdtStatsOpenMetrics(StatsNow()); };
+    stWeb.fnFlight = [this](std::string& strText) { return WriteFlight("request", strText); };
     stWeb.fnStats = [this]() { return UdtStatsJson(StatsNow()) + "\n"; };
     m_pWeb = std::make_unique<CWebServer>(stWeb);
     return m_pWeb->Start(m_stOptions.strWebBind, (uint16)m_stOptions.nWebPort, strError);
@@ -341,7 +350,13 @@ void CListen::Run()
         {
             signalfd_siginfo stSignal;
             if (read(m_fdSignal.Get(), &stSignal, sizeof(stSignal)) == sizeof(stSignal))
-                m_bStop = true;
+            {
+                std::string strText;
+                if (stSignal.ssi_signo != SIGUSR1)
+                    m_bStop = true;
+                else
+                    WriteFlight("signal", strText);
+            }
         }
         const uint64 ullNowUs = LiveNowUs();
         tagHeldDatagram stHeld;
@@ -385,6 +400,7 @@ void CListen::Timers(uint64 ullNowUs)
     {
         m_ullNextSecondUs += c_ullSecondUs;
         TellRtt();
+        LookForStalls(ullNowUs);
         if (m_stHooks.fnSecond || m_pWeb)
         {
             tagListenNow stNow;
@@ -802,6 +818,68 @@ tagUdtStats CListen::StatsNow()
             if (stInfo.llAccount == stStats.llAccount && stInfo.cSubType == stStats.dwSubType)
                 stStats.strUser = stInfo.strCname;
     return st;
+}
+
+// Any thread. True: strText is the file's name, else it says why there is none.
+bool CListen::WriteFlight(const std::string& strWhy, std::string& strText)
+{
+    const std::vector<uint8> vecBytes = m_pCall->Flight(strWhy);
+    if (vecBytes.empty())
+    {
+        strText = "nothing is recorded";
+        return false;
+    }
+    const time_t t = (time_t)(LiveNowUs() / c_ullSecondUs);
+    struct tm stTm = {};
+    gmtime_r(&t, &stTm);
+    char szTime[32];
+    strftime(szTime, sizeof(szTime), "%Y%m%d-%H%M%S", &stTm);
+    CFd fd;
+    std::string strFile;
+    for (int i = 0; i < 1000 && !fd.IsOpen(); i++) // never over an older one
+    {
+        strFile = fmt::format("{}/udtlab-{}-{}{}.flight", m_stOptions.strFlightDir, szTime, strWhy,
+                              i ? fmt::format("-{}", i) : "");
+        fd = CFd(open(strFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+        if (!fd.IsOpen() && errno != EEXIST)
+            break;
+    }
+    size_t nDone = 0;
+    while (fd.IsOpen() && nDone < vecBytes.size())
+    {
+        const ssize_t n = write(fd.Get(), vecBytes.data() + nDone, vecBytes.size() - nDone);
+        if (n <= 0)
+            break;
+        nDone += (size_t)n;
+    }
+    const bool bGood = nDone == vecBytes.size();
+    strText = bGood ? strFile : fmt::format("{}: cannot be written: {}", strFile, strerror(errno));
+    if (bGood)
+    {
+        std::lock_guard<std::mutex> lock(m_lockStatus);
+        m_stResult.vecFlights.push_back(strFile);
+    }
+    if (m_stHooks.fnFlight)
+        m_stHooks.fnFlight(strText, bGood ? strWhy : "");
+    return bGood;
+}
+
+// What led to a stall is written down when it is over, or the pictures that ended it would be missing; and not again
+// before all of the recording is new.
+void CListen::LookForStalls(uint64 ullNowUs)
+{
+    if (m_stOptions.dwFlightSeconds == 0)
+        return;
+    const uint64 ullStalls = m_pCall->StallsNow();
+    if (ullStalls == m_ullStallsSeen)
+        return;
+    m_ullStallsSeen = ullStalls;
+    if (m_ullStallFlightUs != 0 &&
+        ullNowUs - m_ullStallFlightUs < m_stOptions.dwFlightSeconds * c_ullSecondUs)
+        return;
+    m_ullStallFlightUs = ullNowUs;
+    std::string strText;
+    WriteFlight("stall", strText);
 }
 
 // A thread of the web server's.

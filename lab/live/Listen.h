@@ -47,7 +47,9 @@ struct tagListenOptions
     CRunSeries* pSeries = nullptr; // is told what happens, for a report
     bool bOneUser = true;          // audio and video of one host are one user's until a CNAME says otherwise
     std::map<uint32, std::string> mapCnames; // of SSRCs, where they are known before
-    int nWebPort = -1;                       // -1: none, 0: any free one
+    uint32 dwFlightSeconds = 0;              // recorded for playback; 0: nothing
+    std::string strFlightDir = ".";
+    int nWebPort = -1; // -1: none, 0: any free one
     std::string strWebBind = "127.0.0.1";
     std::atomic<bool>* pStop = nullptr; // looked at now and then
     bool bSignals = false;              // SIGINT and SIGTERM stop
@@ -117,13 +119,16 @@ struct tagListenResult
     std::vector<tagLiveStall> vecStalls;
     uint64 ullStalls = 0;
     uint64 ullForwarded = 0;
-    std::string strError; // one line; the call did not begin
+    std::vector<std::string> vecFlights; // files written
+    std::string strError;                // one line; the call did not begin
 };
 
 struct tagListenHooks
 {
     std::function<void(const std::vector<tagListenSource>&, const std::string& strWeb)>
-        fnReady;                                       // all is open
+        fnReady; // all is open
+    std::function<void(const std::string& strFile, const std::string& strWhy)>
+        fnFlight;                                      // was written; any thread
     std::function<void(const tagListenNow&)> fnSecond; // about once a second
 };
 

@@ -87,6 +87,7 @@ struct CListenCommand::tagArgs
 CListenCommand::CListenCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs>())
 {
     tagArgs& args = *m_pArgs;
+    args.st.dwFlightSeconds = 30;
     CLI::App* p = args.pApp =
         app.add_subcommand("listen", "Receive live RTP, ask for what is lost, and show how it plays");
     p->add_option("--audio", args.nAudio, "UDP port that audio comes in on (0: any free one)")
@@ -139,6 +140,14 @@ CListenCommand::CListenCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs
         ->type_name("PORT");
     p->add_option("--web-bind", args.st.strWebBind, "address of --web; whoever reaches it sees the call")
         ->type_name("ADDRESS");
+    p->add_option("--flight", args.st.dwFlightSeconds,
+                  "seconds that the flight recorder keeps (packet heads and decisions); 0: none")
+        ->check(CLI::Range(0, 3600))
+        ->type_name("S")
+        ->capture_default_str();
+    p->add_option("--flight-dir", args.st.strFlightDir,
+                  "folder that it is written to: on SIGUSR1, when a stall is over, on the page's request")
+        ->type_name("FOLDER");
     p->add_option("--mode", args.strMode, "the receiver's mode: default or low-latency")
         ->check(CLI::IsMember({"default", "low-latency"}))
         ->type_name("MODE");
@@ -254,6 +263,9 @@ int CListenCommand::Run()
          {args.strJson, args.strStats, st.strOut, args.stFiles.strHtml, args.stFiles.strReport})
         if (!CanWrite(strPath, strError))
             return Complain(strError);
+    if (st.dwFlightSeconds != 0 && access(st.strFlightDir.c_str(), W_OK | X_OK) != 0)
+        return Complain(
+            fmt::format("--flight-dir {}: cannot be written to: {}", st.strFlightDir, strerror(errno)));
     st.bLowLatency = args.strMode == "low-latency";
     st.dwDurationMs = (uint32)std::lround(args.dDuration * 1000);
     st.fnLog = [](const std::string& strLine) { fmt::print(stderr, "{}\n", strLine); };
@@ -279,6 +291,10 @@ int CListenCommand::Run()
                            stSource.strRtcp);
             if (!strWeb.empty())
                 fmt::print(stderr, "live page: {}\n", strWeb);
+        };
+        stHooks.fnFlight = [](const std::string& strFile, const std::string& strWhy) {
+            fmt::print(stderr, "{}{}\n",
+                       strWhy.empty() ? "" : "flight recording (" + strWhy + "): ", strFile);
         };
         stHooks.fnSecond = [&](const tagListenNow& stNow)
         {

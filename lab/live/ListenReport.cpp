@@ -219,6 +219,7 @@ nlohmann::ordered_json ListenJson(const tagListenResult& stResult)
                    {"delayed", stShaper.ullDelayed},
                    {"too_late", stShaper.ullTooLate},
                    {"given_up", stShaper.ullGaveUp}};
+    j["flights"] = stResult.vecFlights;
     j["forwarded"] = stResult.ullForwarded;
     auto& jStalls = j["stalls"] = nlohmann::ordered_json::array();
     for (const tagLiveStall& st : stResult.vecStalls)

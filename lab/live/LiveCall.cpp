@@ -60,6 +60,11 @@ CLiveCall::CLiveCall(const tagLiveOptions& stOptions)
       m_pRecv(std::make_unique<CReceiver>(&m_collector, *this))
 {
     m_dwStartTick = (uint32)m_ullStartTick;
+    if (stOptions.dwFlightSeconds != 0)
+    {
+        m_pFlight = std::make_unique<CFlightRecorder>(stOptions.dwFlightSeconds);
+        m_pFlight->SetPlayDelay(stOptions.uPlayDelayMs);
+    }
     m_checks.SetStartTick(m_dwStartTick);
     m_collector.Attach(m_pRecv.get());
     m_collector.SetTimeAtTick((double)LiveNowUs() / 1000.0, m_ullStartTick);
@@ -126,8 +131,12 @@ void CLiveCall::MakeTurn(CVirtualClock& clock)
     m_dwNowTick = (uint32)m_ullNowTick;
     m_checks.TurnBegins(m_dwNowTick);
     m_playout.TurnBegins(m_dwNowTick);
+    if (m_pFlight)
+        m_pFlight->Turn(m_dwNowTick);
     m_pRecv->RunTurn();
     m_checks.TurnEnds();
+    if (m_pFlight)
+        m_pFlight->AfterTurn(*m_pRecv, m_dwNowTick);
     if (m_stOptions.pSeries && m_ullStartUs != 0 && m_stOptions.pSeries->SampleDue(clock.Tick()))
         m_stOptions.pSeries->Sample(*m_pRecv, clock.Tick(), true);
     if (m_stOptions.fnTurnEnds)
@@ -152,6 +161,8 @@ void CLiveCall::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
 {
     CLivePacket& packet = static_cast<CLivePacket&>(*pPacket); // nothing else was ever fed
     m_checks.Released(packet);
+    if (m_pFlight)
+        m_pFlight->Released(packet.u64Uin, packet.m_cSubType, packet.dwSenderSeq);
     *pnDelay = (int)m_stOptions.uPlayDelayMs;
     m_playout.Released(*m_pRecv, packet, *pnDelay);
 
@@ -241,6 +252,8 @@ int CLiveCall::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, u
     if (wType != AVGUdtRecvPacketEvent_LossRequest)
         return 0;
     const tagReplyData* pReply = reinterpret_cast<const tagReplyData*>(pBuffer);
+    if (m_pFlight)
+        m_pFlight->Requested(pReply, nBufSize);
     m_playout.Requested(*m_pRecv, pReply, nBufSize, m_dwNowTick);
     if (m_stOptions.pSeries)
         m_stOptions.pSeries->Requested(pReply, nBufSize, m_ullNowTick);
@@ -319,6 +332,8 @@ void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
     }
     m_drops.Came(dwSsrc, stMedia.wRtpSeq, LiveNowUs());
     m_checks.Fed(*pPacket, dwNow);
+    if (m_pFlight)
+        m_pFlight->Fed(stMedia, pPacket->wLen, dwNow);
     if (m_stOptions.pSeries)
     {
         tagSeriesPacket st;
@@ -338,7 +353,10 @@ void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
 void CLiveCall::SetRtt(uint32 dwMs)
 {
     std::lock_guard<std::mutex> lock(m_lock);
+    m_clock.MoveTo(LiveTick());
     m_dwRtt = dwMs;
+    if (m_pFlight)
+        m_pFlight->Rtt(dwMs, (uint32)m_clock.Tick());
     m_pRecv->UDTSetRecvRTT(dwMs);
 }
 
@@ -346,6 +364,8 @@ void CLiveCall::PollDownlink()
 {
     std::lock_guard<std::mutex> lock(m_lock);
     m_clock.MoveTo(LiveTick());
+    if (m_pFlight)
+        m_pFlight->DownlinkPolled((uint32)m_clock.Tick());
     uint32 dwExpect = 0;
     uint32 dwReal = 0;
     uint32 dwBytes = 0;
@@ -366,6 +386,18 @@ void CLiveCall::Take(std::vector<tagLiveAsk>& vecAsks, std::vector<tagLivePli>& 
     std::lock_guard<std::mutex> lock(m_lock);
     vecAsks.swap(m_vecAsks);
     vecPlis.swap(m_vecPlis);
+}
+
+std::vector<uint8> CLiveCall::Flight(const std::string& strWhy)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_pFlight && m_pRecv ? m_pFlight->Bytes(strWhy) : std::vector<uint8>();
+}
+
+uint64 CLiveCall::StallsNow()
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_ullStalls;
 }
 
 void CLiveCall::Dropped(const tagDropped& st)

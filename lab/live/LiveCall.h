@@ -3,6 +3,7 @@
 #define LAB_LIVECALL_H
 
 #include "AVGUDTRecv.h"
+#include "FlightRecorder.h"
 #include "Histogram.h"
 #include "Impair.h"
 #include "LogTap.h"
@@ -44,7 +45,8 @@ struct tagLiveOptions
     CRunSeries* pSeries = nullptr; // is told what happens, for a report
     bool bLowLatency = false;
     uint32 uPlayDelayMs = 0;
-    bool bKeepBytes = false; // somebody wants the bytes of what is played
+    uint32 dwFlightSeconds = 0; // recorded for playback; 0: nothing
+    bool bKeepBytes = false;    // somebody wants the bytes of what is played
     int nLogLevel = 0;
     std::function<void(const std::string& strLine)> fnLog; // worker thread
     // Worker thread, the call's lock held.
@@ -98,10 +100,14 @@ public:
     void Dropped(const tagDropped& st);
 
     // ---- Any thread ----
-    std::mutex& Lock() { return m_lock; }
+    // The flight recording; empty when nothing is recorded.
+    std::vector<uint8> Flight(const std::string& strWhy);
     void Snapshot(tagUdtStats& stStats);
     uint32 RunMs();   // since the first packet, or the start
     uint64 StartUs(); // arrival of the first media packet; 0: none came
+
+    // Stalls that ended so far.
+    uint64 StallsNow();
 
     // ---- After Stop, or with the lock held ----
     CRunChecks& Checks() { return m_checks; }
@@ -167,6 +173,7 @@ private:
     CRunChecks m_checks;
     CPlayoutChecks m_playout{[this](const std::string& strWhat) { m_checks.Report(strWhat); }};
     CDropList m_drops;
+    std::unique_ptr<CFlightRecorder> m_pFlight;
     std::vector<tagStream> m_vecStreams;
     std::map<uint64, tagUser> m_mapUsers;
     std::map<std::pair<uint64, uint8>, uint32> m_mapKeys;

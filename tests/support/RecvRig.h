@@ -319,6 +319,10 @@ public:
     /// The inside of a receiver that somebody else owns: a simulation looks at clocks and buffers.
     static const MapUinInPkt& StreamsOf(const CAVGUdtRecv& recv) { return recv.m_mapUinInPkt; }
     static const MapUinDataInfo& UsersOf(const CAVGUdtRecv& recv) { return recv.m_mapUinDataInfo; }
+    /// All that decides what comes next, as bytes, and back into a started receiver (RecvState.h).
+    static void SaveState(CAVGUdtRecv& recv, std::vector<uint8>& vecBytes);
+    static bool LoadState(CAVGUdtRecv& recv, const uint8* pData, size_t nLen,
+                          const std::function<UDTCodecBaseDecode_V2*(const tagDataPacket&)>& fnPacket);
     static bool IsStopped(const CAVGUdtRecv& recv) { return recv.m_bStop != 0; }
 
 private:
