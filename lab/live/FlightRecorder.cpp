@@ -320,7 +320,20 @@ private:
             CRecvRig::SaveState(m_recv, vecHere);
             m_stResult.ullStates++;
             if (vecHere.size() != nLen || memcmp(vecHere.data(), p, nLen) != 0)
-                Differs("the receiver's state is another");
+            {
+                CStateReader then(p, nLen);
+                CStateReader now(vecHere.data(), vecHere.size());
+                size_t nWord = 0;
+                uint64 ullThen = 0;
+                uint64 ullNow = 0;
+                for (; ullThen == ullNow && !then.AtEnd() && !now.AtEnd(); nWord++)
+                {
+                    ullThen = then.Get();
+                    ullNow = now.Get();
+                }
+                Differs(fmt::format("the receiver's state is another: word {} of it was {} and is {}", nWord,
+                                    ullThen, ullNow));
+            }
             return;
         }
         m_clock.JumpTo(dwTick);

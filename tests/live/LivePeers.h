@@ -56,10 +56,14 @@ class CChild
 public:
     CChild(const std::string& strCommand, const std::string& strOut)
     {
+        // Emptied before the child exists: nobody reads what an earlier one said.
+        const int nFd = open(strOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
         m_nPid = fork();
         if (m_nPid != 0)
+        {
+            close(nFd);
             return;
-        const int nFd = open(strOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        }
         dup2(nFd, 1);
         dup2(nFd, 2);
         execl("/bin/sh", "sh", "-c", ("exec " + strCommand).c_str(), nullptr);
@@ -75,7 +79,7 @@ public:
         if (m_nPid > 0)
             kill(m_nPid, nSignal);
     }
-    // The exit code; -1: it was ended by a signal.
+    // The exit code; negative: the signal that ended it.
     int Wait()
     {
         if (m_nPid <= 0)
@@ -83,7 +87,7 @@ public:
         int nStatus = 0;
         waitpid(m_nPid, &nStatus, 0);
         m_nPid = -1;
-        m_nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+        m_nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
         return m_nExit;
     }
 

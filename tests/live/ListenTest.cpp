@@ -1,0 +1,575 @@
+// udtlab listen against a sender of our own, on loopback: what it sends when, and what it takes from whom.
+#include "Listen.h"
+#include "FlightRecorder.h"
+#include "ListenReport.h"
+#include "LivePeers.h"
+#include "RtpFeedback.h"
+#include "RtpPacket.h"
+#include "RunSeries.h"
+
+#include <gmock/gmock.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <poll.h>
+#include <set>
+#include <thread>
+
+namespace
+{
+using namespace lab;
+using namespace live;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+uint64 NowUs() { return LiveNowUs(); }
+
+struct tagScript
+{
+    enum EAnswer
+    {
+        Nothing,
+        Rtx,
+        Same
+    } eAnswer = Nothing;
+    bool bKeyAtStart = true;  // else a key frame comes only when it is asked for
+    bool bForeign = false;    // somebody else sends under the video's SSRC, too
+    uint32 dwDlrrAfterMs = 0; // answers reference times this much later; 0: never
+};
+
+// Audio every 20 ms and a picture of three packets every 40 ms, RTCP on ports of its own.
+class CScriptedSender
+{
+public:
+    explicit CScriptedSender(const tagScript& stScript) : m_stScript(stScript) {}
+    ~CScriptedSender() { Stop(); }
+
+    void Start(uint16 wAudio, uint16 wVideo)
+    {
+        m_a[0].Open(wAudio, 0x0A0A0A0A, 97, 48000);
+        m_a[1].Open(wVideo, 0x0B0B0B0B, 96, 90000);
+        m_thread = std::thread([this]() { Run(); });
+    }
+    void Stop()
+    {
+        m_bStop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+    // After Stop
+    struct tagMedium
+    {
+        int nRtp = -1;
+        int nRtcp = -1;
+        sockaddr_in stTo = {};
+        sockaddr_in stRtcpTo = {};
+        uint32 dwSsrc = 0;
+        uint8 cPt = 0;
+        uint32 dwClock = 0;
+        uint16 wSeq = 65500; // across the wrap soon
+        uint16 wRtxSeq = 7;
+        std::map<uint16, std::vector<uint8>> mapSent;
+        uint64 ullSent = 0;
+        uint64 ullAnswered = 0;
+        std::vector<uint64> vecPliUs;
+        uint64 ullReports = 0;
+        bool bBye = false;
+
+        void Open(uint16 wPort, uint32 dwOwnSsrc, uint8 cOwnPt, uint32 dwOwnClock)
+        {
+            uint16_t wAny = 0;
+            nRtp = Udp(wAny);
+            wAny = 0;
+            nRtcp = Udp(wAny);
+            stTo.sin_family = stRtcpTo.sin_family = AF_INET;
+            stTo.sin_addr.s_addr = stRtcpTo.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            stTo.sin_port = htons(wPort);
+            stRtcpTo.sin_port = htons((uint16)(wPort + 1));
+            dwSsrc = dwOwnSsrc;
+            cPt = cOwnPt;
+            dwClock = dwOwnClock;
+        }
+        ~tagMedium()
+        {
+            if (nRtp >= 0)
+                close(nRtp);
+            if (nRtcp >= 0)
+                close(nRtcp);
+        }
+        static void Put(std::vector<uint8>& vec, uint32 dw, int nBytes)
+        {
+            for (int i = nBytes - 1; i >= 0; i--)
+                vec.push_back((uint8)(dw >> (8 * i)));
+        }
+        void SendTo(int nFd, const std::vector<uint8>& vec, const sockaddr_in& st) const
+        {
+            (void)!sendto(nFd, vec.data(), vec.size(), 0, reinterpret_cast<const sockaddr*>(&st), sizeof(st));
+        }
+        void Send(uint32 dwMs, bool bMarker, const std::vector<uint8>& vecPayload)
+        {
+            std::vector<uint8> vec = {0x80, (uint8)(cPt | (bMarker ? 0x80 : 0))};
+            Put(vec, wSeq, 2);
+            Put(vec, dwMs * (dwClock / 1000), 4);
+            Put(vec, dwSsrc, 4);
+            vec.insert(vec.end(), vecPayload.begin(), vecPayload.end());
+            SendTo(nRtp, vec, stTo);
+            mapSent[wSeq++] = vec;
+            ullSent++;
+        }
+        // The packet again: as it was, or RFC 4588.
+        void Answer(uint16 wAsked, bool bRtx)
+        {
+            const auto it = mapSent.find(wAsked);
+            if (it == mapSent.end())
+                return;
+            ullAnswered++;
+            std::vector<uint8> vec = it->second;
+            if (bRtx)
+            {
+                const uint8 aSeq[2] = {vec[2], vec[3]};
+                vec[1] = (uint8)((vec[1] & 0x80) | (cPt == 96 ? 99 : 100));
+                vec[2] = (uint8)(wRtxSeq >> 8);
+                vec[3] = (uint8)wRtxSeq++;
+                vec[8] = 0xEE;
+                vec.insert(vec.begin() + 12, aSeq, aSeq + 2);
+            }
+            SendTo(nRtp, vec, stTo);
+        }
+        void SenderReport(uint64 ullNowUs, uint32 dwMs)
+        {
+            std::vector<uint8> vec = {0x80, 200, 0, 6};
+            const uint64 ullNtp = UnixUsToNtp(ullNowUs);
+            Put(vec, dwSsrc, 4);
+            Put(vec, (uint32)(ullNtp >> 32), 4);
+            Put(vec, (uint32)ullNtp, 4);
+            Put(vec, dwMs * (dwClock / 1000), 4);
+            Put(vec, (uint32)ullSent, 4);
+            Put(vec, 0, 4);
+            const std::string strCname = "sender@script";
+            std::vector<uint8> vecName = {0x81, 202, 0, 0};
+            Put(vecName, dwSsrc, 4);
+            vecName.push_back(1);
+            vecName.push_back((uint8)strCname.size());
+            vecName.insert(vecName.end(), strCname.begin(), strCname.end());
+            vecName.push_back(0);
+            while (vecName.size() % 4 != 0)
+                vecName.push_back(0);
+            vecName[3] = (uint8)(vecName.size() / 4 - 1);
+            vec.insert(vec.end(), vecName.begin(), vecName.end());
+            SendTo(nRtcp, vec, stRtcpTo);
+        }
+    } m_a[2];
+    uint64 m_ullForeign = 0;
+
+private:
+    struct tagDlrr
+    {
+        uint64 ullDueUs;
+        int nMedium;
+        uint32 dwTo;
+        uint32 dwLrr;
+        uint64 ullGotUs;
+    };
+
+    void Run()
+    {
+        const uint64 ullStartUs = NowUs();
+        uint32 dwMs = 0; // of the media that is next
+        bool bKey = m_stScript.bKeyAtStart;
+        while (!m_bStop)
+        {
+            const uint32 dwNowMs = (uint32)((NowUs() - ullStartUs) / 1000);
+            for (; dwMs <= dwNowMs; dwMs += 20)
+            {
+                if (dwMs % 500 == 0)
+                    for (tagMedium& st : m_a)
+                        st.SenderReport(NowUs(), dwMs);
+                m_a[0].Send(dwMs, false, std::vector<uint8>(80, 0x78));
+                if (dwMs % 40 != 0)
+                    continue;
+                bKey = bKey || (m_stScript.bKeyAtStart && dwMs % 2000 == 0) || m_bKeyAsked;
+                m_bKeyAsked = false;
+                for (int i = 0; i < 3; i++) // FU-A
+                {
+                    std::vector<uint8> vec(400, 0x55);
+                    vec[0] = 0x7C;
+                    vec[1] = (uint8)((bKey ? 5 : 1) | (i == 0 ? 0x80 : 0) | (i == 2 ? 0x40 : 0));
+                    m_a[1].Send(dwMs, i == 2, vec);
+                }
+                bKey = false;
+                if (m_stScript.bForeign && dwMs > 1000)
+                    SendForeign();
+            }
+            Listen();
+        }
+    }
+
+    void SendForeign()
+    {
+        static const std::vector<uint8> s_vec = {0x80, 96,   0x12, 0x34, 0,    0, 0, 0,
+                                                 0x0B, 0x0B, 0x0B, 0x0B, 0x65, 1, 2};
+        if (m_nForeign < 0)
+        {
+            uint16_t wAny = 0;
+            m_nForeign = Udp(wAny);
+        }
+        m_a[1].SendTo(m_nForeign, s_vec, m_a[1].stTo);
+        m_ullForeign++;
+    }
+
+    void Listen()
+    {
+        pollfd aPoll[2] = {{m_a[0].nRtcp, POLLIN, 0}, {m_a[1].nRtcp, POLLIN, 0}};
+        poll(aPoll, 2, 2);
+        for (int i = 0; i < 2; i++)
+        {
+            uint8 aBytes[2048];
+            ssize_t nGot = 0;
+            while ((nGot = recv(m_a[i].nRtcp, aBytes, sizeof(aBytes), MSG_DONTWAIT)) > 0)
+                Heard(i, aBytes, (uint32)nGot);
+        }
+        while (!m_vecDlrr.empty() && m_vecDlrr.front().ullDueUs <= NowUs())
+        {
+            const tagDlrr st = m_vecDlrr.front();
+            m_vecDlrr.erase(m_vecDlrr.begin());
+            std::vector<uint8> vec = {0x80, 201, 0, 1};
+            tagMedium::Put(vec, m_a[st.nMedium].dwSsrc, 4);
+            vec.insert(vec.end(), {0x80, 207, 0, 5});
+            tagMedium::Put(vec, m_a[st.nMedium].dwSsrc, 4);
+            vec.insert(vec.end(), {5, 0, 0, 3});
+            tagMedium::Put(vec, st.dwTo, 4);
+            tagMedium::Put(vec, st.dwLrr, 4);
+            tagMedium::Put(vec, (uint32)((NowUs() - st.ullGotUs) * 65536 / 1000000), 4);
+            m_a[st.nMedium].SendTo(m_a[st.nMedium].nRtcp, vec, m_a[st.nMedium].stRtcpTo);
+        }
+    }
+
+    void Heard(int nMedium, const uint8* pBytes, uint32 dwLen)
+    {
+        tagMedium& st = m_a[nMedium];
+        std::vector<tagRtpEvent> vecEvents;
+        tagRtpTotals stTotals;
+        m_rtcp.Read(pBytes, dwLen, vecEvents, stTotals);
+        for (const tagRtpEvent& stEvent : vecEvents)
+        {
+            if (stEvent.eType == RTP_EVENT_RR)
+                st.ullReports++;
+            if (stEvent.eType == RTP_EVENT_BYE)
+                st.bBye = true;
+            if (stEvent.dwMediaSsrc != st.dwSsrc)
+                continue;
+            if (stEvent.eType == RTP_EVENT_NACK && m_stScript.eAnswer != tagScript::Nothing)
+                for (const uint16 wSeq : stEvent.vecRtpSeq)
+                    st.Answer(wSeq, m_stScript.eAnswer == tagScript::Rtx);
+            if (stEvent.eType == RTP_EVENT_PLI)
+            {
+                st.vecPliUs.push_back(NowUs());
+                m_bKeyAsked = st.vecPliUs.size() >= 3; // as if the first two had been lost
+            }
+        }
+        // A reference time: XR of one block, last in the datagram.
+        if (m_stScript.dwDlrrAfterMs != 0 && dwLen >= 20 && pBytes[dwLen - 19] == 207 &&
+            pBytes[dwLen - 12] == 4)
+        {
+            const auto read = [&](uint32 dwBack)
+            {
+                const uint8* p = pBytes + dwLen - dwBack;
+                return (uint32)p[0] << 24 | (uint32)p[1] << 16 | (uint32)p[2] << 8 | p[3];
+            };
+            m_vecDlrr.push_back({NowUs() + m_stScript.dwDlrrAfterMs * 1000ull, nMedium, read(16),
+                                 read(8) << 16 | read(4) >> 16, NowUs()});
+        }
+    }
+
+    const tagScript m_stScript;
+    CRtcpReader m_rtcp;
+    std::atomic<bool> m_bStop{false};
+    std::thread m_thread;
+    bool m_bKeyAsked = false;
+    int m_nForeign = -1;
+    std::vector<tagDlrr> m_vecDlrr;
+};
+
+tagListenOptions Options(uint32 dwMs)
+{
+    tagListenOptions st;
+    st.strBind = "127.0.0.1";
+    st.vecPorts = {{"audio", 0, {}}, {"video", 0, {}}};
+    st.dwDurationMs = dwMs;
+    st.dwWarmUpMs = 5000;
+    std::string strError;
+    for (const char* psz : {"96=H264/90000", "97=opus/48000", "99=rtx:96", "100=rtx:97"})
+        EXPECT_TRUE(ParseRtpMap(psz, st.stRtp.mapFormats, strError));
+    return st;
+}
+
+uint16 PortIn(const std::string& strAddress)
+{
+    return (uint16)std::stoi(strAddress.substr(strAddress.rfind(':') + 1));
+}
+
+// A call with the scripted sender; fnMeanwhile runs beside it once all is open.
+tagListenResult Call(const tagListenOptions& st, CScriptedSender& sender,
+                     const std::function<void(const std::string& strWeb)>& fnMeanwhile = {})
+{
+    std::thread threadMeanwhile;
+    tagListenHooks stHooks;
+    stHooks.fnReady = [&](const std::vector<tagListenSource>& vec, const std::string& strWeb)
+    {
+        sender.Start(PortIn(vec[0].strListens), PortIn(vec[1].strListens));
+        if (fnMeanwhile)
+            threadMeanwhile = std::thread([&fnMeanwhile, strWeb]() { fnMeanwhile(strWeb); });
+    };
+    tagListenResult stResult = RunListen(st, stHooks);
+    EXPECT_EQ(stResult.strError, "");
+    sender.Stop();
+    if (threadMeanwhile.joinable())
+        threadMeanwhile.join();
+    return stResult;
+}
+
+const tagRtpStreamInfo& StreamOf(const tagListenResult& st, uint32 dwSsrc)
+{
+    for (const tagStreamResult& stStream : st.st.vecStreams)
+        if (stStream.stInfo.dwSsrc == dwSsrc)
+            return stStream.stInfo;
+    static const tagRtpStreamInfo s_stNone;
+    ADD_FAILURE() << "no such stream";
+    return s_stNone;
+}
+
+TEST(ThreadedListen, WhatIsDroppedIsAskedForAnsweredPlayedInTimeAndForwarded)
+{
+    CFolder folder;
+    uint16_t wForward = 0;
+    const int nForward = Udp(wForward);
+    tagListenOptions st = Options(13000);
+    st.stImpair.dDrop = 0.1;
+    st.stImpair.ullSeed = 3;
+    st.nWebPort = 0;
+    st.dwFlightSeconds = 3;
+    st.strFlightDir = folder / "";
+    CRunSeries series(
+        []()
+        {
+            tagSeriesOptions stSeries;
+            stSeries.ullWindowMs = 120000;
+            return stSeries;
+        }());
+    st.pSeries = &series;
+    std::string strError;
+    tagRtpAddr stForward;
+    stForward.cFamily = 4;
+    stForward.aAddr = {127, 0, 0, 1};
+    stForward.wPort = wForward;
+    st.vecForward = {{"", stForward}};
+    tagScript stScript;
+    stScript.eAnswer = tagScript::Rtx;
+    stScript.dwDlrrAfterMs = 100;
+    stScript.bForeign = true;
+    CScriptedSender sender(stScript);
+
+    std::string strFlight;
+    std::map<uint32, std::vector<uint16>> mapForwarded;
+    std::atomic<bool> bListens{true};
+    std::thread threadForward(
+        [&]()
+        {
+            uint8 aBytes[2048];
+            pollfd stPoll = {nForward, POLLIN, 0};
+            while (bListens)
+            {
+                if (poll(&stPoll, 1, 50) <= 0)
+                    continue;
+                while (recv(nForward, aBytes, sizeof(aBytes), MSG_DONTWAIT) > 0)
+                    mapForwarded[(uint32)aBytes[8] << 24 | (uint32)aBytes[9] << 16 | (uint32)aBytes[10] << 8 |
+                                 aBytes[11]]
+                        .push_back((uint16)(aBytes[2] << 8 | aBytes[3]));
+            }
+        });
+    const tagListenResult stResult = Call(
+        st, sender,
+        [&](const std::string& strWeb)
+        {
+            httplib::Client client(strWeb.substr(0, strWeb.size() - 1));
+            client.set_read_timeout(10);
+            std::this_thread::sleep_for(std::chrono::seconds(6));
+            auto res = client.Get("/");
+            ASSERT_TRUE(res);
+            EXPECT_THAT(res->body, HasSubstr("udtlab-live"));
+            res = client.Get("/metrics");
+            ASSERT_TRUE(res);
+            EXPECT_THAT(res->body, EndsWith("# EOF\n"));
+            EXPECT_THAT(res->get_header_value("Content-Type"), HasSubstr("application/openmetrics-text"));
+            res = client.Get("/stats.json");
+            ASSERT_TRUE(res);
+            EXPECT_EQ(nlohmann::json::parse(res->body)["streams"].size(), 2u);
+            std::string strEvents;
+            client.Get("/events",
+                       [&](const char* p, size_t n)
+                       {
+                           strEvents.append(p, n);
+                           return strEvents.find("\n\n", strEvents.find("\n\n") + 1) == std::string::npos;
+                       });
+            ASSERT_EQ(strEvents.compare(0, 6, "data: "), 0);
+            const auto j = nlohmann::json::parse(strEvents.substr(6, strEvents.find("\n\n") - 6));
+            EXPECT_EQ(j["format"], "udtlab-report");
+            EXPECT_EQ(j["streams"].size(), 2u);
+            EXPECT_GT(j["series"].size(), 10u);
+            res = client.Post("/flight", {{"Origin", "http://elsewhere.example"}}, "", "text/plain");
+            ASSERT_TRUE(res);
+            EXPECT_EQ(res->status, 403);
+            res = client.Post("/flight");
+            ASSERT_TRUE(res);
+            EXPECT_EQ(res->status, 200);
+            strFlight = res->body.substr(0, res->body.find('\n'));
+        });
+    bListens = false;
+    threadForward.join();
+    close(nForward);
+
+    tagDropFate stCounted;
+    for (const tagListenDrops& stDrops : stResult.vecDrops)
+    {
+        if (stDrops.bAnswers)
+            continue;
+        stCounted.ullDropped += stDrops.stCounted.ullDropped;
+        stCounted.ullInTime += stDrops.stCounted.ullInTime;
+        // Packets that we know were sent and did not come by themselves.
+        EXPECT_LE(StreamOf(stResult, stDrops.dwSsrc).stStat.ullLost, stDrops.stAll.ullDropped);
+        EXPECT_GE(StreamOf(stResult, stDrops.dwSsrc).stStat.ullLost + 5, stDrops.stAll.ullDropped);
+    }
+    EXPECT_GE(stCounted.ullDropped, 20u);
+    EXPECT_GE((double)stCounted.ullInTime, 0.99 * (double)stCounted.ullDropped)
+        << ListenTable(stResult, false) << ListenJson(stResult)["impairment"]["drop_list"];
+
+    EXPECT_EQ(stResult.stFeedback.strRttFrom, "XR");
+    EXPECT_LT(stResult.stFeedback.dRttMs, 80) << "the 100 ms that the sender took are not the path's";
+    EXPECT_LE(stResult.vecSources[1].ullForeign, sender.m_ullForeign); // it sent on for a moment
+    EXPECT_GE(stResult.vecSources[1].ullForeign + 30, sender.m_ullForeign);
+    EXPECT_GT(sender.m_ullForeign, 100u);
+    for (const auto& stMedium : sender.m_a)
+    {
+        EXPECT_GE(stMedium.ullReports, 4u) << "about one a second, of media and RTX";
+        EXPECT_TRUE(stMedium.bBye);
+        const tagRtpStat& stat = StreamOf(stResult, stMedium.dwSsrc).stStat;
+        EXPECT_LE(stat.ullExpected, stMedium.ullSent)
+            << "nothing of the foreign source's was taken for the stream's";
+        EXPECT_GE(stat.ullExpected + 50, stMedium.ullSent);
+    }
+    EXPECT_EQ(stResult.st.vecUsers.size(), 1u);
+    EXPECT_EQ(stResult.st.ullBroken, 0u)
+        << (stResult.st.vecViolations.empty() ? "" : stResult.st.vecViolations[0]);
+
+    // Whoever plays behind us gets each stream in order, repaired.
+    ASSERT_EQ(mapForwarded.size(), 2u);
+    for (const auto& it : mapForwarded)
+    {
+        size_t nBack = 0;
+        size_t nMissing = 0;
+        for (size_t i = it.second.size() / 2; i < it.second.size(); i++)
+        {
+            const uint16 wStep = (uint16)(it.second[i] - it.second[i - 1]);
+            nBack += wStep > 0x8000 ? 1 : 0;
+            nMissing += wStep > 1 && wStep < 0x8000 ? wStep - 1u : 0;
+        }
+        EXPECT_EQ(nBack, 0u);
+        EXPECT_LE(nMissing, 1u);
+    }
+
+    ASSERT_THAT(strFlight, EndsWith(".flight"));
+    const tagFlightResult stFlight = ReplayFlight(strFlight, nullptr);
+    EXPECT_EQ(stFlight.strError, "");
+    EXPECT_EQ(stFlight.strDifference, "");
+    EXPECT_GE(stFlight.ullReleases, 100u);
+    EXPECT_GE(stFlight.ullRequests, 5u);
+    EXPECT_GE(stFlight.ullStates, 3u);
+    EXPECT_LT(stFlight.dwSpanMs, 5000u) << "the beginning was forgotten";
+}
+
+TEST(ThreadedListen, AStreamWithoutAKeyFrameIsAskedForOneOnceASecondUntilItComes)
+{
+    tagListenOptions st = Options(5000);
+    tagScript stScript;
+    stScript.bKeyAtStart = false;
+    CScriptedSender sender(stScript);
+    const tagListenResult stResult = Call(st, sender);
+    const std::vector<uint64>& vecUs = sender.m_a[1].vecPliUs;
+    ASSERT_EQ(vecUs.size(), 3u) << "the third was answered";
+    for (size_t i = 1; i < vecUs.size(); i++)
+        EXPECT_GE(vecUs[i] - vecUs[i - 1], 950000u);
+    EXPECT_EQ(stResult.stFeedback.ullPlisNoKey, 3u);
+    EXPECT_TRUE(sender.m_a[0].vecPliUs.empty());
+}
+
+// ---- What goes wrong ----
+
+class ListenProgram : public testing::Test
+{
+protected:
+    // Exit code and all that it said.
+    int Run(const std::string& strArguments, std::string& strSaid)
+    {
+        const std::string strOut = m_folder / "said.txt";
+        CChild child(std::string(UDT_LAB_PROGRAM) + " listen --bind 127.0.0.1 " + strArguments, strOut);
+        const int nExit = child.Wait();
+        strSaid = ReadText(strOut);
+        return nExit;
+    }
+    void IsOneLine(const std::string& strArguments, const std::string& strWant)
+    {
+        std::string strSaid;
+        EXPECT_EQ(Run(strArguments, strSaid), 2) << strSaid;
+        EXPECT_THAT(strSaid, HasSubstr(strWant));
+        EXPECT_EQ(std::count(strSaid.begin(), strSaid.end(), '\n'), 1) << strSaid;
+    }
+    CFolder m_folder;
+};
+
+TEST_F(ListenProgram, WhatCannotBeginSaysSoInOneLineAndExitsWithTwo)
+{
+    uint16_t wTaken = 0;
+    const int nTaken = Udp(wTaken);
+    IsOneLine("--audio " + std::to_string(wTaken), "cannot be listened on: Address already in use");
+    close(nTaken);
+    std::ofstream(m_folder / "bad.sdp") << "v=0\nm=audio 5004 RTP/AVP 97\na=rtpmap:97 opus\n";
+    IsOneLine("--audio 0 --sdp " + m_folder / "bad.sdp", "bad.sdp: line 3: expected a=rtpmap:PT CODEC/CLOCK");
+    IsOneLine("--audio 0 --sdp /nowhere.sdp", "/nowhere.sdp: cannot be read");
+    for (const char* psz : {"--json", "--html", "--report", "--stats", "--out"})
+        IsOneLine(std::string("--audio 0 ") + psz + " /nowhere/file", "/nowhere/file: cannot be written");
+    IsOneLine("--audio 0 --flight-dir /nowhere", "--flight-dir /nowhere: cannot be written to");
+    IsOneLine("", "no port to listen on");
+    IsOneLine("--audio 0 --drop 5", "--drop: \"5\" is not a share");
+    IsOneLine("--audio 0 --delay x", "--delay: \"x\" is not a delay");
+    IsOneLine("--audio 0 --rtcp-to nowhere", "--rtcp-to: \"nowhere\" is not an address");
+    IsOneLine("--audio 0 --forward sound=127.0.0.1:5004", "\"sound\" is not a medium");
+    IsOneLine("--audio 0 --web 0 --web-bind 192.0.2.1", "cannot be listened on");
+}
+
+TEST_F(ListenProgram, SignalsStopItWithItsReportWrittenAndARecordingOnRequest)
+{
+    for (const int nSignal : {SIGINT, SIGTERM})
+    {
+        const std::string strJson = m_folder / "call.json";
+        const std::string strSaid = m_folder / "said.txt";
+        std::remove(strJson.c_str());
+        CChild child(std::string(UDT_LAB_PROGRAM) + " listen --bind 127.0.0.1 --audio 0 --json " + strJson +
+                         " --html " + m_folder / "call.html" + " --flight-dir " + m_folder / "",
+                     strSaid);
+        ASSERT_TRUE(Eventually([&]() { return PortOf(ReadText(strSaid), "audio") != 0; }))
+            << ReadText(strSaid);
+        child.Signal(SIGUSR1);
+        EXPECT_TRUE(Eventually([&]() { return ReadText(strSaid).find(".flight") != std::string::npos; }));
+        child.Signal(nSignal);
+        EXPECT_EQ(child.Wait(), 0) << ReadText(strSaid);
+        const auto j = nlohmann::json::parse(ReadText(strJson), nullptr, false);
+        EXPECT_EQ(j["format"], "udtlab-listen");
+        EXPECT_EQ(j["flights"].size(), 1u);
+        EXPECT_GT(ReadText(m_folder / "call.html").size(), 1000u);
+    }
+}
+
+} // namespace
