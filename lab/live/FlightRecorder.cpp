@@ -33,6 +33,7 @@ enum emRecord : uint8
     RECORD_TURN = 'T',
     RECORD_RTT = 'R',
     RECORD_POLL = 'D',
+    RECORD_CLEARED = 'C',
     RECORD_RELEASED = 'o', // of the turn before
     RECORD_REQUESTED = 'q'
 };
@@ -116,6 +117,15 @@ void CFlightRecorder::Rtt(uint32 dwMs, uint32 dwTick)
         return;
     Begin(RECORD_RTT, dwTick);
     Put(dwMs);
+}
+
+void CFlightRecorder::Cleared(uint64 ullAccount, uint8 cSubType, uint32 dwTick)
+{
+    if (m_dequeSegments.empty())
+        return;
+    const uint32 dwKey = Key(ullAccount, cSubType);
+    Begin(RECORD_CLEARED, dwTick);
+    Put(dwKey);
 }
 
 void CFlightRecorder::DownlinkPolled(uint32 dwTick)
@@ -278,6 +288,15 @@ private:
             Tick();
             m_recv.UDTSetRecvRTT((uint32)m_in.Get());
             break;
+        case RECORD_CLEARED:
+        {
+            Tick();
+            uint64 ullAccount = 0;
+            uint8 cSubType = 0;
+            if (KeyAt(m_in.Get(), ullAccount, cSubType))
+                m_recv.ClearRecvChn(ullAccount, cSubType);
+            break;
+        }
         case RECORD_POLL:
         {
             Tick();

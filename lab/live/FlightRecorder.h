@@ -38,6 +38,7 @@ public:
     // nLen: what the receiver is told of the packet's length.
     void Fed(const tagRtpMedia& stMedia, uint16 wLen, uint32 dwTick);
     void Rtt(uint32 dwMs, uint32 dwTick);
+    void Cleared(uint64 ullAccount, uint8 cSubType, uint32 dwTick);
     void DownlinkPolled(uint32 dwTick);
     void Released(uint64 ullAccount, uint8 cSubType, uint32 dwSeq);
     void Requested(const tagReplyData* pReply, uint32 uCount);

@@ -632,7 +632,7 @@ void CListen::Drain()
                 m_rtt.Answer((double)(stMedia.ullArrivalUs - it->second.ullUs) / 1000.0);
             m_mapAsked.erase(it);
         }
-        m_pCall->Feed(stMedia, dwSsrc);
+        m_pCall->Feed(stMedia);
     }
     tagRtpEvent stEvent;
     while (m_intake.PopEvent(stEvent))
@@ -668,7 +668,7 @@ void CListen::WantPli(uint32 uStream, uint64& ullCount, uint64 ullNowUs)
     stKnown.ullLastPliUs = ullNowUs;
     ullCount++;
     tagRtcpFeedback stFeedback;
-    stFeedback.vecPlis.push_back(stKnown.stInfo.dwSsrc);
+    stFeedback.vecPlis.push_back(m_intake.Stream(uStream).dwSsrc); // the latest of its SSRCs
     Send(door, stFeedback);
 }
 

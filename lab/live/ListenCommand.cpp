@@ -82,6 +82,7 @@ struct CListenCommand::tagArgs
     std::string strStats;
     tagReportFiles stFiles;
     bool bQuiet = false;
+    bool bUsersByCname = false;
 };
 
 CListenCommand::CListenCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs>())
@@ -115,10 +116,8 @@ CListenCommand::CListenCommand(CLI::App& app) : m_pArgs(std::make_unique<tagArgs
     p->add_flag("--any-source", args.st.bAnySource,
                 "senders of several addresses on one port; each SSRC is held to its own");
     p->add_flag(
-         "!--users-by-cname", args.st.bOneUser,
-         "streams that begin before their CNAME was heard are users of their own; else those of one host are "
-         "one user's")
-        ->default_str("");
+        "--users-by-cname", args.bUsersByCname,
+        "a stream that begins before its CNAME was heard is a user of its own; else one host is one user");
     p->add_flag("--no-requests", args.st.bNoRequests, "send reports, but neither NACKs nor PLIs");
     p->add_option("--duration", args.dDuration, "stop after this long; else at SIGINT or SIGTERM")
         ->check(CLI::Range(0.1, 1000000.0))
@@ -270,6 +269,7 @@ int CListenCommand::Run()
     st.dwDurationMs = (uint32)std::lround(args.dDuration * 1000);
     st.fnLog = [](const std::string& strLine) { fmt::print(stderr, "{}\n", strLine); };
     st.bSignals = true;
+    st.bOneUser = !args.bUsersByCname;
 
     tagSeriesOptions stSeries;
     stSeries.ullWindowMs = st.nWebPort >= 0 ? 120000 : 0;

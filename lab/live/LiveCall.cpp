@@ -18,6 +18,7 @@ namespace
 
 constexpr uint32 c_dwTurnSleepUs = 10000;
 constexpr size_t c_nStallsKept = 1000;
+constexpr int c_nClearWaitMs = 200; // for the worker's next turn
 
 } // namespace
 
@@ -135,6 +136,8 @@ void CLiveCall::MakeTurn(CVirtualClock& clock)
         m_pFlight->Turn(m_dwNowTick);
     m_pRecv->RunTurn();
     m_checks.TurnEnds();
+    m_ullTurns++;
+    m_cvTurn.notify_all();
     if (m_pFlight)
         m_pFlight->AfterTurn(*m_pRecv, m_dwNowTick);
     if (m_stOptions.pSeries && m_ullStartUs != 0 && m_stOptions.pSeries->SampleDue(clock.Tick()))
@@ -189,7 +192,7 @@ void CLiveCall::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
     stStream.dwLastTick = m_dwNowTick;
     if (m_stOptions.pSeries)
         m_stOptions.pSeries->PacketOut(*m_pRecv->GetReleasing(), *pnDelay, m_ullNowTick);
-    m_drops.Played(packet.m_dwSsrc, (uint16)packet.dwSenderSeq, packet.m_bLate, LiveNowUs());
+    m_drops.Played(packet.m_dwSsrc, packet.m_wRtpSeq, packet.m_bLate, LiveNowUs());
     if (m_stOptions.fnReleased)
         m_stOptions.fnReleased(packet, m_dwNowTick);
 }
@@ -274,8 +277,25 @@ int CLiveCall::UdtParsePacketHeadInfo(uint8* pBuf, UdtPacketHeadInfo& stHead)
 
 // ---- The network thread ----
 
-void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
+// A stream begins afresh: the receiver drops what it has of it in a turn, and only then may new packets come.
+void CLiveCall::ClearStream(uint64 llAccount, uint8 cSubType)
 {
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_clock.MoveTo(LiveTick());
+    if (m_pFlight)
+        m_pFlight->Cleared(llAccount, cSubType, (uint32)m_clock.Tick());
+    m_checks.ClearAsked();
+    m_pRecv->ClearRecvChn(llAccount, cSubType);
+    const uint64 ullTurns = m_ullTurns;
+    m_cvTurn.wait_for(lock, std::chrono::milliseconds(c_nClearWaitMs),
+                      [&]() { return m_ullTurns != ullTurns; });
+}
+
+void CLiveCall::Feed(tagRtpMedia& stMedia)
+{
+    if (stMedia.bClear)
+        ClearStream(stMedia.llAccount, stMedia.cSubType);
+    const uint32 dwSsrc = stMedia.dwSsrc;
     CLivePacket* pPacket = new CLivePacket(stMedia.stHead, this);
     CScopePtr<UDTCodecBaseDecode_V2> pHeld(pPacket);
     pPacket->dwSenderSeq = stMedia.dwSendSeq;
@@ -293,6 +313,7 @@ void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
     pPacket->m_stDst = stMedia.stDst;
     pPacket->m_dwSsrc = dwSsrc;
     pPacket->m_bMarker = stMedia.bMarker;
+    pPacket->m_wRtpSeq = stMedia.wRtpSeq;
     if (m_stOptions.bKeepBytes)
         pPacket->m_vecBytes.swap(stMedia.vecRtp);
 
@@ -330,7 +351,7 @@ void CLiveCall::Feed(tagRtpMedia& stMedia, uint32 dwSsrc)
         if (!stStream.bKeySeen)
             m_vecPlis.push_back({stMedia.dwStream, stStream.bKeyLost});
     }
-    m_drops.Came(dwSsrc, stMedia.wRtpSeq, LiveNowUs());
+    m_drops.Came(stMedia.dwSsrc, stMedia.wRtpSeq, LiveNowUs());
     m_checks.Fed(*pPacket, dwNow);
     if (m_pFlight)
         m_pFlight->Fed(stMedia, pPacket->wLen, dwNow);

@@ -15,6 +15,7 @@
 #include "UdtStatsCollector.h"
 #include "VirtualClock.h"
 
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -35,6 +36,7 @@ class CLivePacket : public CMediaPacket
 public:
     using CMediaPacket::CMediaPacket;
     uint32 m_dwSsrc = 0;
+    uint16 m_wRtpSeq = 0; // the sender's own; after a restart of his not the low half of dwSenderSeq
     bool m_bMarker = false;
 };
 
@@ -93,7 +95,7 @@ public:
     void Stop();
 
     // ---- Network thread ----
-    void Feed(tagRtpMedia& stMedia, uint32 dwSsrc);
+    void Feed(tagRtpMedia& stMedia);
     void SetRtt(uint32 dwMs);
     void PollDownlink();
     void Take(std::vector<tagLiveAsk>& vecAsks, std::vector<tagLivePli>& vecPlis);
@@ -149,6 +151,9 @@ private:
         int64 llAvSumMs = 0;
     };
 
+    // Network thread
+    void ClearStream(uint64 llAccount, uint8 cSubType);
+
     // The worker's
     void Work(CReceiver& recv);
     void MakeTurn(CVirtualClock& clock);
@@ -183,9 +188,11 @@ private:
     uint64 m_ullStalls = 0;
     uint32 m_dwRtt = 0;
     uint64 m_ullStartUs = 0;
-    uint32 m_dwStartTick = 0; // of the first packet
-    uint64 m_ullNowTick = 0;  // of the turn being made
-    uint32 m_dwNowTick = 0;   // the same
+    uint32 m_dwStartTick = 0;         // of the first packet
+    std::condition_variable m_cvTurn; // a turn was made
+    uint64 m_ullTurns = 0;
+    uint64 m_ullNowTick = 0; // of the turn being made
+    uint32 m_dwNowTick = 0;  // the same
     std::vector<std::string> m_vecEndReport;
     tagUdtStats m_stLastStats;
 
