@@ -114,8 +114,9 @@ struct tagRecvChnStatInfo
 
 /**
  * What the receiver takes at most, told by `CAVGUdtRecv::SetGuards`. 0, the default of every field: no such guard.
- * A guard turns away what comes too much; it takes nothing back that was let in before it was set. How to choose
- * them: docs/guards.md.
+ * A guard turns away what comes too much; it takes nothing back that was let in before it was set. The second half
+ * of what may wait for the worker is kept for streams that are there already, in equal parts, so that a flood does not
+ * keep their packets out. How to choose them: docs/guards.md.
  */
 struct tagUDTRecvGuards
 {

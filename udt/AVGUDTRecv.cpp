@@ -263,6 +263,7 @@ void CAVGUdtRecv::Clear()
         listSpare.swap(m_listSpare);
         mapUinPkgRingParam.swap(m_mapUinPkgRingParam);
         m_ullIntakeBytes = 0;
+        m_mapIntakeShares.clear();
         m_nRingAccounts = 0;
         CXPAutoLock lockStreams(m_lockStreams);
         mapUinDataInfo.swap(m_mapUinDataInfo);

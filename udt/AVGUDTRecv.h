@@ -111,7 +111,10 @@ private:
     void GuardedStep(const char* pszOper);
 
     // ---- Guards (AVGUDTRecvGuard.cpp) ------------------------------------------------------------------
-    bool AdmitToIntake(const UDTCodecBaseDecode_V2* pData);         // Caller holds m_dataLock.
+    // Caller holds m_dataLock.
+    bool AdmitToIntake(uint64 ullAccount, uint8 cSubType, const UDTCodecBaseDecode_V2* pData);
+    bool AdmitToShare(const tagInPktKey& stKey, uint64 ullMostPackets, uint64 ullMostBytes, uint32 dwBytes);
+    void CountIntakeAnew();                                         // Caller holds m_dataLock.
     void CountIntakeBytes();                                        // Caller holds m_dataLock.
     void ForgetRingParams(uint64 ullAccount, size_t nMostAccounts); // Caller holds m_dataLock.
     bool AdmitStream(uint64 ullAccount);
@@ -314,12 +317,13 @@ private:
     shared_boolean m_bStoppedInTurn;      // [F] 1: stopped, and the end of the run is still to be written
     shared_uint64 m_ullTurnThread;        // [F] who makes the open turn
     // Guards: nothing of it is looked at while there are none, but the words that say so.
-    tagGuardWords m_stGuards;                // [F] written under m_paramlock
-    tagGuardCounts m_stGuardCounts;          // see there
-    uint64 m_ullIntakeBytes;                 // [D] of m_listRawData, while it has a guard
-    size_t m_nRingAccounts;                  // [D] accounts in m_mapUinPkgRingParam
-    CUdtRequestBudget m_requestBudget;       // [W]
-    std::vector<tagGapDemand> m_vecDemands;  // [W] of the present scan
+    tagGuardWords m_stGuards;                                // [F] written under m_paramlock
+    tagGuardCounts m_stGuardCounts;                          // see there
+    uint64 m_ullIntakeBytes;                                 // [D] of m_listRawData, while it has a guard
+    std::map<tagInPktKey, tagIntakeShare> m_mapIntakeShares; // [D] of streams in its second half
+    size_t m_nRingAccounts;                                  // [D] accounts in m_mapUinPkgRingParam
+    CUdtRequestBudget m_requestBudget;                       // [W]
+    std::vector<tagGapDemand> m_vecDemands;                  // [W] of the present scan
     size_t m_nFirstDemand;                   // [W] whose turn it is, among streams that want the same
     std::vector<uint64> m_vecIdleUsers;      // [W] users without a stream, as found in this turn
     bool m_bIdleUsersKnown;                  // [W]

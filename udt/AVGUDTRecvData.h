@@ -439,6 +439,15 @@ private:
     uint64 m_ullParts;
 };
 
+/** What one stream put into the second half of a guarded intake list. */
+struct tagIntakeShare
+{
+    uint32 dwPackets;
+    uint64 ullBytes;
+
+    tagIntakeShare() : dwPackets(0), ullBytes(0) {}
+};
+
 /** What one stream would ask for, while there is not enough for all. */
 struct tagGapDemand
 {

@@ -45,7 +45,7 @@ void CAVGUdtRecv::SetGuards(const tagUDTRecvGuards& stGuards)
     CXPAutoLock lockData(m_dataLock);
     m_stGuards.bIntake = stGuards.dwMaxIntakePackets != 0 || stGuards.dwMaxIntakeBytes != 0;
     if (m_stGuards.bIntake != FALSE)
-        CountIntakeBytes();
+        CountIntakeAnew();
 }
 
 void CAVGUdtRecv::GetGuardInfo(tagUDTRecvGuardInfo& stInfo)
@@ -64,23 +64,54 @@ void CAVGUdtRecv::GetGuardInfo(tagUDTRecvGuardInfo& stInfo)
 
 // ---- Network threads ---------------------------------------------------------------------------------------
 
-// Is there room in the intake list? Counts the packet in.
-UDT_SELDOM bool CAVGUdtRecv::AdmitToIntake(const UDTCodecBaseDecode_V2* pData)
+// Is there room in the intake list? Counts the packet in. Its first half is for whoever comes. The second is kept for
+// streams that are there already, an equal part for each: a flood does not keep the others' packets out.
+UDT_SELDOM bool CAVGUdtRecv::AdmitToIntake(uint64 ullAccount, uint8 cSubType,
+                                           const UDTCodecBaseDecode_V2* pData)
 {
-    if (IsOver(m_listRawData.size(), m_stGuards.dwMaxIntakePackets))
-    {
-        m_stGuardCounts.dwIntakePackets += 1;
-        return false;
-    }
-    const uint32 dwBytes = BytesOf(pData);
+    const uint32 dwMaxPackets = m_stGuards.dwMaxIntakePackets;
     const uint32 dwMaxBytes = m_stGuards.dwMaxIntakeBytes;
-    if (dwMaxBytes != 0 && m_ullIntakeBytes + dwBytes > dwMaxBytes)
+    const uint32 dwBytes = BytesOf(pData);
+    const uint64 ullPackets = m_listRawData.size() + 1;
+    const uint64 ullBytes = m_ullIntakeBytes + dwBytes;
+    const bool bManyPackets = dwMaxPackets != 0 && ullPackets > (dwMaxPackets + 1ull) / 2;
+    const bool bManyBytes = dwMaxBytes != 0 && ullBytes > dwMaxBytes / 2;
+    if ((dwMaxPackets != 0 && ullPackets > dwMaxPackets) || (dwMaxBytes != 0 && ullBytes > dwMaxBytes) ||
+        ((bManyPackets || bManyBytes) &&
+         !AdmitToShare(tagInPktKey(ullAccount, cSubType), bManyPackets ? dwMaxPackets / 2 : c_dwNone32,
+                       bManyBytes ? dwMaxBytes / 2 : c_dwNone32, dwBytes)))
     {
-        m_stGuardCounts.dwIntakeBytes += 1;
+        (bManyPackets ? m_stGuardCounts.dwIntakePackets : m_stGuardCounts.dwIntakeBytes) += 1;
         return false;
     }
     m_ullIntakeBytes += dwBytes;
     return true;
+}
+
+// At least one packet is every stream's.
+bool CAVGUdtRecv::AdmitToShare(const tagInPktKey& stKey, uint64 ullMostPackets, uint64 ullMostBytes,
+                               uint32 dwBytes)
+{
+    size_t nStreams = 0;
+    {
+        CXPAutoLock lock(m_lockStreams);
+        if (m_mapUinInPkt.count(stKey) == 0)
+            return false;
+        nStreams = m_mapUinInPkt.size();
+    }
+    tagIntakeShare& stShare = m_mapIntakeShares[stKey];
+    if (stShare.dwPackets != 0 && (stShare.dwPackets >= ullMostPackets / nStreams ||
+                                   stShare.ullBytes + dwBytes > ullMostBytes / nStreams))
+        return false;
+    stShare.dwPackets += 1;
+    stShare.ullBytes += dwBytes;
+    return true;
+}
+
+UDT_SELDOM void CAVGUdtRecv::CountIntakeAnew()
+{
+    m_mapIntakeShares.clear();
+    CountIntakeBytes();
 }
 
 UDT_SELDOM void CAVGUdtRecv::CountIntakeBytes()

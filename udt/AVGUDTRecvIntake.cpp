@@ -109,7 +109,7 @@ try
         // Asked again under the lock that the last clearing takes: nothing is left behind it.
         if (m_bStop != 0)
             return TRUE;
-        if (UDT_RARELY(m_stGuards.bIntake != FALSE) && !AdmitToIntake(pData))
+        if (UDT_RARELY(m_stGuards.bIntake != FALSE) && !AdmitToIntake(llAccount, cSubType, pData))
             return TRUE;
         if (m_listSpare.empty())
             m_listSpare.emplace_back();
@@ -171,7 +171,8 @@ void CAVGUdtRecv::TakeRawData()
     CXPAutoLock lock(m_dataLock);
     m_listSpare.splice(m_listSpare.end(), m_listTaken);
     m_listTaken.swap(m_listRawData);
-    m_ullIntakeBytes = 0;
+    if (UDT_RARELY(m_stGuards.bIntake != FALSE))
+        CountIntakeAnew();
     while (m_listSpare.size() > m_nSpareWanted + c_nSpareLeast && listGivenUp.size() < c_nSpareGivenUp)
         listGivenUp.splice(listGivenUp.end(), m_listSpare, m_listSpare.begin());
 }

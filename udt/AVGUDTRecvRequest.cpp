@@ -22,6 +22,7 @@ constexpr uint32 c_dwFirstDelayWarmUp = 2000;    // ms during which the first-re
 constexpr size_t c_nStreamScanEnough = 31;       // entries of one stream after which its walk ends
 constexpr size_t c_nStreamScanMany = 100;        // entries that are worth a line
 constexpr size_t c_nStreamScanCap = 10000;       // entries of one stream and scan
+constexpr size_t c_nServedWhole = 8;             // due packets of one stream that are not cut by a guard
 constexpr size_t c_nLostEntriesLeast = 16;       // streams whose scratch is kept, whoever they are
 constexpr uint32 c_dwAllStreamsFoldPass = 3;     // housekeeping pass from which all streams fold alike
 constexpr uint32 c_dwRequestFailCheckGap = 4000; // ms that pass between two checks
@@ -192,8 +193,7 @@ UDT_SELDOM void CAVGUdtRecv::CollectGuardedGaps(uint32 dwPerSecond, uint32 dwNow
     {
         uint64 ullShare = stDemand.nDue;
         if (ullDue > ullLeft)
-            ullShare =
-                std::min<uint64>(stDemand.nDue, std::max<uint64>(ullLeft / nStreams, ullLeft != 0 ? 1 : 0));
+            ullShare = std::min({ullShare, ullLeft, std::max<uint64>(ullLeft / nStreams, c_nServedWhole)});
         --nStreams;
         ullDue -= stDemand.nDue;
         ullLeft -= ullShare;

@@ -300,7 +300,8 @@ TEST(CInterface, SettingsReachTheReceiverAndItsGetters)
     EXPECT_EQ(UDT_OK, udt_recv_get_loss(rig.m_pRecv, &stLoss));
 }
 
-// Each guard through its own field, told by the counter that is its own.
+// Each guard through its own field, told by the counter that is its own. A stream that is not there yet has the first
+// half of the intake.
 TEST(CInterface, EveryGuardAndItsCounterHasItsField)
 {
     const auto stPacket = [](uint32 dwSeq, uint32 dwMediaMs, uint64 ullAccount = c_ullAccount)
@@ -323,12 +324,12 @@ TEST(CInterface, EveryGuardAndItsCounterHasItsField)
          &udt_guard_info::intake_packets,
          2,
          {stPacket(1, 5000), stPacket(2, 5020), stPacket(3, 5040)},
-         1},
+         2},
         {&udt_guards::intake_bytes,
          &udt_guard_info::intake_bytes,
          250,
          {stPacket(1, 5000), stPacket(2, 5020), stPacket(3, 5040), stPacket(4, 5060)},
-         2},
+         3},
         {&udt_guards::streams, &udt_guard_info::streams, 1, {stPacket(1, 5000), stPacket(1, 5000, 8)}, 1},
         {&udt_guards::accounts, &udt_guard_info::accounts, 1, {stPacket(1, 5000), stPacket(1, 5000, 8)}, 1},
         {&udt_guards::accounts,

@@ -276,6 +276,7 @@ public:
     RIG_MEMBER(m_dwMultiUinAVSync)
     RIG_MEMBER(m_dwLogPrintTimer)
     RIG_MEMBER(m_dwLastPrintTick)
+    RIG_MEMBER(m_stGuardCounts)
 #undef RIG_MEMBER
 
 #define RIG_STEP(name)                                   \
