@@ -36,6 +36,7 @@ struct tagScript
     } eAnswer = Nothing;
     bool bKeyAtStart = true;  // else a key frame comes only when it is asked for
     bool bForeign = false;    // somebody else sends under the video's SSRC, too
+    bool bPause = false;      // after 3 s nothing is sent for 4 s, and then what would have been sent
     uint32 dwDlrrAfterMs = 0; // answers reference times this much later; 0: never
 };
 
@@ -176,11 +177,18 @@ private:
 
     void Run()
     {
-        const uint64 ullStartUs = NowUs();
+        uint64 ullStartUs = NowUs();
+        bool bPaused = !m_stScript.bPause;
         uint32 dwMs = 0; // of the media that is next
         bool bKey = m_stScript.bKeyAtStart;
         while (!m_bStop)
         {
+            if (!bPaused && NowUs() - ullStartUs > 3000000)
+            {
+                bPaused = true;
+                ullStartUs += 4000000;
+                std::this_thread::sleep_for(std::chrono::seconds(4));
+            }
             const uint32 dwNowMs = (uint32)((NowUs() - ullStartUs) / 1000);
             for (; dwMs <= dwNowMs; dwMs += 20)
             {
@@ -503,6 +511,27 @@ TEST(ThreadedListen, AStreamWithoutAKeyFrameIsAskedForOneOnceASecondUntilItComes
         EXPECT_GE(vecUs[i] - vecUs[i - 1], 950000u);
     EXPECT_EQ(stResult.stFeedback.ullPlisNoKey, 3u);
     EXPECT_TRUE(sender.m_a[0].vecPliUs.empty());
+}
+
+TEST(ThreadedListen, AStallIsCountedAndWhatLedToItIsWrittenDownAndPlaysBack)
+{
+    CFolder folder;
+    tagListenOptions st = Options(10000);
+    st.dwFlightSeconds = 20;
+    st.strFlightDir = folder / "";
+    tagScript stScript;
+    stScript.bPause = true;
+    CScriptedSender sender(stScript);
+    const tagListenResult stResult = Call(st, sender);
+    ASSERT_GE(stResult.ullStalls, 1u);
+    EXPECT_GE(stResult.vecStalls[0].dwMs, 1000u);
+    EXPECT_LE(stResult.vecStalls[0].dwMs, 5000u);
+    ASSERT_EQ(stResult.vecFlights.size(), 1u) << "one for all streams";
+    EXPECT_THAT(stResult.vecFlights[0], HasSubstr("-stall"));
+    const tagFlightResult stFlight = ReplayFlight(stResult.vecFlights[0], nullptr);
+    EXPECT_EQ(stFlight.strError, "");
+    EXPECT_EQ(stFlight.strDifference, "");
+    EXPECT_GE(stFlight.dwSpanMs, 6000u) << "from the call's beginning";
 }
 
 // ---- What goes wrong ----
