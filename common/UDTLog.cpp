@@ -120,6 +120,7 @@ void Deliver(UDT_LOG_LEVEL eLevel, const char* pTag, const char* pFile, int nLin
 
 std::atomic<int> g_nLogGate{c_nGateShut};
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): callers have always written printf's formats, and the compiler checks them
 void LogWrite(UDT_LOG_LEVEL eLevel, const char* pTag, const char* pFile, int nLine, const char* pFunc,
               const char* pFormat, ...)
 {
@@ -145,7 +146,7 @@ void LogWrite(UDT_LOG_LEVEL eLevel, const char* pTag, const char* pFile, int nLi
         pLong.reset(new (std::nothrow) char[(size_t)nLen + 1]);
         if (pLong != nullptr)
         {
-            vsnprintf(pLong.get(), (size_t)nLen + 1, pFormat, argsAgain);
+            (void)vsnprintf(pLong.get(), (size_t)nLen + 1, pFormat, argsAgain);
             pText = pLong.get();
         }
     }

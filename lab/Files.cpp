@@ -54,7 +54,10 @@ std::string Printable(const std::string& strText, size_t nMax)
     for (const char c : strText)
         str += (unsigned char)c < 0x20 || (unsigned char)c > 0x7E ? '?' : c;
     if (str.size() > nMax)
-        str = str.substr(0, nMax - 2) + "..";
+    {
+        str.resize(nMax - 2);
+        str += "..";
+    }
     return str;
 }
 

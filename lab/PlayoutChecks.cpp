@@ -22,7 +22,7 @@ const tagDataPacket* BehindGap(const MapUdtPacket& map, uint32 dwSeq, uint32 dwT
 {
     // The gap before a packet is at most 255 sequences wide. It may lie across the end of the number space.
     MapUdtPacket::const_iterator it = map.upper_bound(dwSeq);
-    for (size_t i = 0; i < 256 && i < map.size(); i++, it++)
+    for (size_t i = 0; i < 256 && i < map.size(); ++i, ++it)
     {
         if (it == map.end())
             it = map.begin();

@@ -87,7 +87,7 @@ CAVGUdtRecv::CAVGUdtRecv(IUDTRecvEventCallBack* pCB)
 
 CAVGUdtRecv::~CAVGUdtRecv()
 {
-    Stop();
+    CAVGUdtRecv::Stop();
     m_pCB = nullptr;
 }
 

@@ -563,7 +563,7 @@ void CListen::NameSource(const tagRtpDatagram& st, uint32 dwSsrc)
         tagRtpAddr stHost = st.stSrc;
         stHost.wPort = 0;
         strCname = stHost.Text();
-        strCname = strCname.substr(0, strCname.rfind(':'));
+        strCname.resize(strCname.rfind(':'));
         // As soon as one of his SSRCs has a name, that is his.
         for (const tagKnown& stKnown : m_vecKnown)
             if (SameHost(stKnown.stInfo.stSrc, st.stSrc) && !stKnown.stInfo.strCname.empty())
