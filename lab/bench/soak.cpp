@@ -1,6 +1,7 @@
 // Does memory stay where it was, and does every check hold, when a call lasts for days or people come and go for ever?
 //
-//     udtlab_soak room [--hours 72] [--wraps]   a room of 50; the tick wraps, and all that the senders count if asked for
+//     udtlab_soak room [--hours 72] [--wraps] [--guards]
+//                                               a room of 50; the tick wraps, and all that the senders count if asked for
 //     udtlab_soak churn [--accounts 1000000]    accounts that join, talk for half a second, and never come back
 //
 // Both run in virtual time and print a line per hour, or per twentieth of the accounts: bytes that the receiver holds, the
@@ -153,7 +154,32 @@ private:
     std::vector<tagHour> m_vecHours;
 };
 
-int Room(uint32 uHours, bool bWraps)
+// What docs/guards.md proposes to a call client.
+tagUDTRecvGuards ClientGuards()
+{
+    tagUDTRecvGuards st;
+    st.dwMaxIntakePackets = 4000;
+    st.dwMaxIntakeBytes = 6000000;
+    st.dwMaxStreams = 150;
+    st.dwMaxAccounts = 500;
+    st.dwMaxStreamPackets = 1000;
+    st.dwMaxStreamHistory = 4000;
+    st.dwMaxRequestsPerSecond = 500;
+    st.dwMaxPullBacks = 4;
+    st.dwMaxLatency = 5000;
+    return st;
+}
+
+std::string GuardText(const tagUDTRecvGuardInfo& st)
+{
+    return fmt::format(
+        "intake {} + {}, streams {}, accounts {} + {} forgotten, stream packets {}, history {}, requests {}, "
+        "pull-backs {}, latency {}",
+        st.dwIntakePackets, st.dwIntakeBytes, st.dwStreams, st.dwAccounts, st.dwAccountsForgot,
+        st.dwStreamPackets, st.dwStreamHistory, st.dwRequests, st.dwPullBacks, st.dwLatency);
+}
+
+int Room(uint32 uHours, bool bWraps, bool bGuards)
 {
     lab::tagScenario stScenario;
     std::string strError;
@@ -167,6 +193,14 @@ int Room(uint32 uHours, bool bWraps)
     uint64 ullPlayed = 0;
     uint32 uMinute = 0;
     lab::tagSimHooks stHooks;
+    CAVGUdtRecv* pRecv = nullptr;
+    tagUDTRecvGuardInfo stGuards;
+    stHooks.fnReady = [&](CAVGUdtRecv& recv)
+    {
+        pRecv = &recv;
+        if (bGuards)
+            recv.SetGuards(ClientGuards());
+    };
     stHooks.fnFeed = [&ullFed](lab::CMediaPacket&) { ++ullFed; };
     stHooks.fnReleased = [&ullPlayed](lab::CMediaPacket&) { ++ullPlayed; };
     stHooks.fnProgress = [&](double dShare)
@@ -175,6 +209,7 @@ int Room(uint32 uHours, bool bWraps)
         if (uNow == uMinute)
             return;
         uMinute = uNow;
+        pRecv->GetGuardInfo(stGuards);
         hours.Sample((uNow - 1) / 60, g_ullOfReceiver);
         if (uNow % 60 == 0)
             fmt::print("{:3} h  receiver {:9.0f} bytes  all {:10}  fed {:11}  played {:11}  {:6.0f} s\n",
@@ -192,6 +227,7 @@ int Room(uint32 uHours, bool bWraps)
                stSum.ullInTime);
     for (const std::string& strLine : stResult.vecViolations)
         fmt::print("BROKEN: {}\n", strLine);
+    fmt::print("guards: {}\n", GuardText(stGuards));
     fmt::print("checks: {}\n", stResult.ullBroken == 0 ? "all held" : "broken");
     return stResult.ullBroken == 0 && hours.Growth() <= c_dAllowedGrowth ? 0 : 1;
 }
@@ -301,12 +337,14 @@ int main(int argc, char** argv)
     bool bWraps = false;
     pRoom->add_flag("--wraps", bWraps,
                     "sender sequences and media time wrap too, after a quarter and a half of the call");
+    bool bGuards = false;
+    pRoom->add_flag("--guards", bGuards, "with the guards of a call client");
     CLI::App* const pChurn = app.add_subcommand("churn", "accounts that come once");
     pChurn->add_option("--accounts", dwAccounts, "how many")->check(CLI::Range(100, 100000000));
     CLI11_PARSE(app, argc, argv);
     try
     {
-        return pRoom->parsed() ? Room(uHours, bWraps) : Churn(dwAccounts);
+        return pRoom->parsed() ? Room(uHours, bWraps, bGuards) : Churn(dwAccounts);
     }
     catch (const std::exception& e)
     {

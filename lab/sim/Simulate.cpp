@@ -23,6 +23,8 @@ tagSimResult RunSimulation(const tagScenario& stScenario, const tagSimHooks& stH
         stRun.pSeries = stHooks.pSeries;
         CLabRun run(stRun, call);
         call.Begin(run);
+        if (stHooks.fnReady)
+            stHooks.fnReady(run.Receiver());
 
         tagLoopOptions stLoop;
         stLoop.llTurnUs = stScenario.stReceiver.llTurnUs;

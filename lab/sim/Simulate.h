@@ -2,6 +2,7 @@
 #ifndef LAB_SIMULATE_H
 #define LAB_SIMULATE_H
 
+#include "AVGUDTRecv.h"
 #include "Histogram.h"
 #include "MediaPacket.h"
 #include "RunChecks.h"
@@ -21,6 +22,7 @@ class CRunSeries;
 // For whoever looks over the shoulder of a run. None of them changes what happens, unless it means to.
 struct tagSimHooks
 {
+    std::function<void(CAVGUdtRecv& recv)> fnReady;        // before the first packet
     std::function<void(double dShare)> fnProgress;         // 0 to 1, now and then
     std::function<void(const std::string& strLine)> fnLog; // the receiver's log lines up to nLogLevel
     int nLogLevel = 0;                                     // 0: none

@@ -259,7 +259,7 @@ TEST(Guards, AFurtherAccountIsRememberedInPlaceOfOneThatHasNoStream)
     EXPECT_NE(rig.User(4), nullptr);
 }
 
-TEST(Guards, AMillionAccountsThatComeAndGoLeaveNoMoreThanAreAllowed)
+TEST(Guards, TwentyThousandAccountsThatComeAndGoLeaveNoMoreThanAreAllowed)
 {
     CRecvRig rig;
     rig.StartPlaying();

@@ -546,6 +546,11 @@ private:
         params.wPushGopNum = (uint16)(dwRound % 3);
         params.wCalcRecvLossTime = (uint16)(1 + dwRound % 50);
         m_recv.UDTSetRecvParams(params);
+        tagUDTRecvGuards stGuards;
+        stGuards.dwMaxIntakePackets = dwRound % 4 * 200;
+        stGuards.dwMaxStreamPackets = dwRound % 3 * 100;
+        stGuards.dwMaxRequestsPerSecond = dwRound % 5 * 50;
+        m_recv.SetGuards(stGuards);
         m_recv.UDTSetRecvRTT(dwRound % 500);
         m_recv.UDTEnableReGetPkg((boolean)(dwRound % 8 != 0));
         m_recv.SetRoomState(dwRound % 10 == 0 ? 1 : 3);
@@ -571,6 +576,8 @@ private:
                         tagInPktKey(aInfo[i].llAccount, (uint8)aInfo[i].dwSubType));
         }
         m_recv.GetPlayoutInfo(1, stPlayout);
+        tagUDTRecvGuardInfo stGuardInfo;
+        m_recv.GetGuardInfo(stGuardInfo);
         m_recv.UDTCalcRecvLoss(dw[0], dw[1], dw[2], dw[3]);
         m_recv.GetDownPacketRecvInfo(dw[0], dw[1], dw[2], dw[3]);
         m_recv.HasThread();
