@@ -14,7 +14,7 @@ namespace
 
 // A hole in the input longer than this is not walked turn by turn once the receiver has forgotten every
 // stream: nothing is left that a turn could change. Captures that are years apart can so be played in one go.
-constexpr int64 c_llHoleUs = 20 * 1000000ll;
+constexpr int64 c_llHoleUs = 20 * 1000000LL;
 
 class CPacer
 {

@@ -197,8 +197,8 @@ tagRtpFormat CRtpLearn::Guess(std::string& strWhy) const
     stFormat.eKind = RTP_KIND_AUDIO;
     size_t nClock = 0;
     // Twice the same in the chain below: a near slope goes before votes, a far one behind them.
-    // NOLINTNEXTLINE(bugprone-branch-clone)
     if (bSlope && IsNear(dHz, c_aClocks[NearestClock(dHz, c_nVideoClock)], 0.03))
+        // NOLINTNEXTLINE(bugprone-branch-clone)
         nClock = NearestClock(dHz, c_nVideoClock);
     else if (bVotes)
         nClock = nVoted;

@@ -45,7 +45,7 @@ struct tagRtpDatagram
 /// How a sender broke its numbering. Names for people: RtpRestartText.
 enum emRtpRestart
 {
-    RTP_RESTART_NONE = 0,
+    RTP_RESTART_NONE = 0,  ///< it goes on as it was
     RTP_RESTART_SEQUENCE,  ///< sequences (and mostly timestamps) begin elsewhere
     RTP_RESTART_TIMESTAMP, ///< timestamps leap, sequences go on
     RTP_RESTART_PAYLOAD,   ///< a payload type with another clock

@@ -222,7 +222,7 @@ struct tagUinTrack
 
     tagUinTrack() : pWalkedTo(nullptr), dwPFrmCnt(0), bPushing(false), dwFreeSeq(0), bGapsKnown(false) {}
     tagUinTrack(const tagUinTrack&) : tagUinTrack() {}
-    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment,cert-oop54-cpp): a copy knows nothing yet, whatever is copied
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): a copy knows nothing yet, whatever is copied
     tagUinTrack& operator=(const tagUinTrack&)
     {
         Forget();

@@ -93,7 +93,7 @@ private:
     pcap_t* m_pPcap;
     pcap_dumper_t* m_pDumper;
     std::multimap<uint64_t, std::pair<uint16_t, std::vector<uint8_t>>> m_mapFlight;
-    std::minstd_rand m_random{1};
+    std::minstd_rand m_random{1}; // NOLINT(cert-msc32-c,cert-msc51-cpp): the same capture every time
     uint64_t m_ullQueue = 0;
 };
 

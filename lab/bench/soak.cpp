@@ -326,7 +326,7 @@ __attribute__((noinline)) static void GiveBack(void* p) noexcept
 void operator delete(void* p) noexcept { GiveBack(p); }
 void operator delete(void* p, size_t) noexcept { GiveBack(p); }
 
-int main(int argc, char** argv)
+static int Main(int argc, char** argv)
 {
     CLI::App app{"Days of a call, and a million accounts, in virtual time"};
     app.require_subcommand(1);
@@ -342,13 +342,18 @@ int main(int argc, char** argv)
     CLI::App* const pChurn = app.add_subcommand("churn", "accounts that come once");
     pChurn->add_option("--accounts", dwAccounts, "how many")->check(CLI::Range(100, 100000000));
     CLI11_PARSE(app, argc, argv);
+    return pRoom->parsed() ? Room(uHours, bWraps, bGuards) : Churn(dwAccounts);
+}
+
+int main(int argc, char** argv)
+{
     try
     {
-        return pRoom->parsed() ? Room(uHours, bWraps, bGuards) : Churn(dwAccounts);
+        return Main(argc, argv);
     }
     catch (const std::exception& e)
     {
-        fmt::print(stderr, "udtlab_soak: {}\n", e.what());
+        fprintf(stderr, "udtlab_soak: %s\n", e.what());
         return 2;
     }
 }

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -683,7 +684,7 @@ void CListen::SendRequests()
     if (m_stOptions.bNoRequests)
         return;
     if (m_rtt.Known())
-        m_shaper.SetRtt((uint32)(m_rtt.Ms() + 0.5));
+        m_shaper.SetRtt((uint32)std::lround(m_rtt.Ms()));
     for (const tagLiveAsk& st : vecAsks)
         m_shaper.Ask(m_vecKnown[st.uStream].stInfo.dwSsrc, st.dwSendSeq, ullNowUs);
 
@@ -771,7 +772,7 @@ void CListen::TellRtt()
     const double dStep = std::max(5.0, 0.1 * m_dwRttTold);
     if (m_dwRttTold != 0 && std::abs(dMs - m_dwRttTold) < dStep)
         return;
-    m_dwRttTold = std::max(1u, (uint32)(dMs + 0.5));
+    m_dwRttTold = std::max(1u, (uint32)std::lround(dMs));
     m_pCall->SetRtt(m_dwRttTold);
 }
 

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <tuple>
@@ -546,7 +547,7 @@ void CRunSeries::TakePlayout(tagUser& stUser, const tagPlayoutInfo& stInfo, std:
     {
         const int32 nLow = (int32)(*dwBandLow - stUser.dwBase);
         const int64 llHigh = (int64)nLow + stInfo.dwBandWidth;
-        if (std::abs((int64)nLow) <= c_nTransitLeap && llHigh <= 6 * c_nTransitLeap)
+        if (std::abs((int64)nLow) <= c_nTransitLeap && llHigh <= 6LL * c_nTransitLeap)
         {
             Value(stUser.nColumns + SERIES_BAND_MIN, ullMs, nLow);
             Value(stUser.nColumns + SERIES_BAND_MAX, ullMs, (int32)llHigh);
@@ -572,7 +573,7 @@ void CRunSeries::TakePlayout(tagUser& stUser, const tagPlayoutInfo& stInfo, std:
     stUser.dwSeenClock = stInfo.dwTimelineOut;
     TakeClock(stUser, stInfo.dwTimelineOut, ullMs);
     const int32 nLatency = (int32)((uint32)ullTick - stInfo.dwTimelineOut - stUser.dwBase);
-    if (stUser.bTransit && std::abs((int64)nLatency) <= 6 * c_nTransitLeap)
+    if (stUser.bTransit && std::abs((int64)nLatency) <= 6LL * c_nTransitLeap)
         Value(stUser.nColumns + SERIES_LATENCY, ullMs, nLatency);
 }
 
@@ -764,7 +765,8 @@ nlohmann::ordered_json CRunSeries::Json(uint32 dwLastMs)
         t["firstIn"] = OrNull(st.ullFirstIn);
         t["firstOut"] = OrNull(st.ullFirstOut);
         const bool bOut = st.ullOut != 0;
-        t["playoutDelayMean"] = bOut ? Doc((double)(st.ullPlayoutMs * 10 / st.ullOut) / 10.0) : Doc();
+        t["playoutDelayMean"] =
+            bOut ? Doc(std::floor((double)st.ullPlayoutMs * 10 / (double)st.ullOut) / 10) : Doc();
         t["playoutDelayMin"] = bOut ? Doc(st.dwPlayoutLow) : Doc();
         t["playoutDelayMax"] = bOut ? Doc(st.dwPlayoutHigh) : Doc();
         j["totals"].push_back(std::move(t));

@@ -370,6 +370,7 @@ void CVerdict::SayLatency()
         if (vecKnown.size() * m_ullBin < 3000)
             continue;
         std::vector<int64_t> vecSorted;
+        vecSorted.reserve(vecKnown.size());
         for (const auto& st : vecKnown)
             vecSorted.push_back(st.second);
         std::nth_element(vecSorted.begin(), vecSorted.begin() + (ptrdiff_t)(vecSorted.size() / 4),

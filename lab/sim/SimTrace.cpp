@@ -195,7 +195,7 @@ bool TableTime(const std::string& strText, int64& llSeconds)
         return false;
     // Days of the civil calendar, March first.
     const int nShifted = nMonth <= 2 ? nYear - 1 : nYear;
-    const int64 llDays = 365ll * nShifted + nShifted / 4 - nShifted / 100 + nShifted / 400 +
+    const int64 llDays = 365LL * nShifted + nShifted / 4 - nShifted / 100 + nShifted / 400 +
                          (153 * ((nMonth + 9) % 12) + 2) / 5 + nDay;
     llSeconds = ((llDays * 24 + nHour) * 60 + nMinute) * 60 + nSecond;
     return true;
