@@ -5,7 +5,8 @@ receiver=$1 sender=$2
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 
-"$receiver" >"$dir/receiver" &
+>"$dir/receiver" # there before the loop below reads it
+"$receiver" >>"$dir/receiver" &
 pid=$!
 port=
 while [ -z "$port" ]
