@@ -42,6 +42,26 @@ public:
             m_pKeeper->OnPacketGone(*this);
     }
 
+    // What the intake knows of it. Takes the RTP packet's bytes out of stMedia if they are kept.
+    void Take(tagRtpMedia& stMedia, bool bKeepBytes)
+    {
+        dwSenderSeq = stMedia.dwSendSeq;
+        dwSeq = stMedia.dwSeq;
+        u64Uin = stMedia.llAccount;
+        wTimeStamp = stMedia.wTimeStamp;
+        wLen = stMedia.wLen;
+        m_uStream = stMedia.dwStream;
+        m_cSubType = stMedia.cSubType;
+        m_dwWireLen = stMedia.dwWireLen;
+        m_stSrc = stMedia.stSrc;
+        m_stDst = stMedia.stDst;
+        m_stArrival.dwPayloadBytes = stMedia.wLen;
+        if (stMedia.bByRtx)
+            m_stArrival.bRetransmitted = true; // nobody knows of those that come under their own number
+        if (bKeepBytes)
+            m_vecBytes.swap(stMedia.vecRtp);
+    }
+
     // Nobody is told of its end: whoever keeps a packet beyond its run calls this.
     void Abandon() { m_pKeeper = nullptr; }
 

@@ -2,6 +2,7 @@
 
 #include "Replay.h"
 
+#include "AvOffset.h"
 #include "PlayedWriter.h"
 #include "Progress.h"
 #include "RtpSource.h"
@@ -52,7 +53,7 @@ class CReplayCounts : public IRunObserver
 {
 public:
     CReplayCounts(const tagReplayOptions& stOptions, CPlayedWriter* pWriter)
-        : m_stOptions(stOptions), m_pWriter(pWriter)
+        : m_stOptions(stOptions), m_pWriter(pWriter), m_offsets(stOptions.uPlayDelayMs)
     {
     }
 
@@ -79,7 +80,7 @@ public:
         stStream.st.bPlayed = true;
         stStream.st.dwLastOutMs = dwNowMs;
         stStream.st.delay.Add(dwTick - packet.m_dwFedTick);
-        MeasureAvOffset(stStream, packet, dwTick);
+        m_offsets.Released(packet, dwTick);
         if (m_pWriter)
             m_pWriter->Write(packet, m_ullStartUs + dwNowMs * 1000ull);
         return (int)m_stOptions.uPlayDelayMs;
@@ -127,9 +128,9 @@ public:
     const tagStreamResult& Result(uint32 uStream) { return Stream(uStream).st; }
     void PutAvOffset(tagUserResult& stUser)
     {
-        const tagUser& st = m_mapUsers[stUser.llAccount];
-        stUser.avOffset = st.avOffset;
-        stUser.llAvSumMs = st.llAvSumMs;
+        const tagAvOffset& st = m_offsets.Of(stUser.llAccount);
+        stUser.avOffset = st.absolute;
+        stUser.llAvSumMs = st.llSumMs;
     }
 
 private:
@@ -140,15 +141,6 @@ private:
         CSeqWindow nacked;
         CFirstAsked askedFirst;
         CFirstAsked nackedFirst;
-        uint32 dwLastFrameTs = 0;
-        bool bFrame = false;
-    };
-    struct tagUser
-    {
-        bool bAudio = false;
-        uint32 dwAudioLag = 0; // release tick minus media time, of the audio released last
-        CMsHistogram avOffset;
-        int64 llAvSumMs = 0;
     };
 
     tagStream& Stream(uint32 uStream)
@@ -169,33 +161,12 @@ private:
         stStream.st.llLeadSumMs += llTheirs - llOurs;
     }
 
-    void MeasureAvOffset(tagStream& stStream, const CMediaPacket& packet, uint32 dwTick)
-    {
-        tagUser& stUser = m_mapUsers[packet.u64Uin];
-        const uint32 dwMediaTs = packet.Head().uTimeStamp;
-        const uint32 dwLag = dwTick - dwMediaTs;
-        if (packet.m_cSubType == MEAVAudio)
-        {
-            stUser.bAudio = true;
-            stUser.dwAudioLag = dwLag + m_stOptions.uPlayDelayMs;
-            return;
-        }
-        const bool bNewFrame = !stStream.bFrame || dwMediaTs != stStream.dwLastFrameTs;
-        stStream.bFrame = true;
-        stStream.dwLastFrameTs = dwMediaTs;
-        if (!bNewFrame || !stUser.bAudio)
-            return;
-        const int32 nOffset = (int32)(dwLag - stUser.dwAudioLag);
-        stUser.avOffset.Add((uint32)std::abs((int64)nOffset));
-        stUser.llAvSumMs += nOffset;
-    }
-
     const tagReplayOptions& m_stOptions;
     CPlayedWriter* m_pWriter;
     const CLabRun* m_pRun = nullptr;
     uint64 m_ullStartUs = 0;
     std::vector<tagStream> m_vecStreams;
-    std::map<uint64, tagUser> m_mapUsers;
+    CAvOffsets m_offsets;
     std::map<std::pair<uint64, uint8>, uint32> m_mapKeys;
 };
 

@@ -61,21 +61,7 @@ void CRtpSource::Fire(CLabRun& run)
     if (m_stMedia.bClear)
         run.ClearStream(m_stMedia.llAccount, m_stMedia.cSubType, m_llTimeUs);
     CMediaPacket* pPacket = run.NewPacket(m_stMedia.stHead);
-    pPacket->dwSenderSeq = m_stMedia.dwSendSeq;
-    pPacket->dwSeq = m_stMedia.dwSeq;
-    pPacket->u64Uin = m_stMedia.llAccount;
-    pPacket->wTimeStamp = m_stMedia.wTimeStamp;
-    pPacket->wLen = m_stMedia.wLen;
-    pPacket->m_uStream = m_stMedia.dwStream;
-    pPacket->m_cSubType = m_stMedia.cSubType;
-    pPacket->m_dwWireLen = m_stMedia.dwWireLen;
-    pPacket->m_stArrival.dwPayloadBytes = m_stMedia.wLen;
-    if (m_stMedia.bByRtx)
-        pPacket->m_stArrival.bRetransmitted = true; // of any other packet a capture does not tell
-    pPacket->m_stSrc = m_stMedia.stSrc;
-    pPacket->m_stDst = m_stMedia.stDst;
-    if (m_bKeepBytes)
-        pPacket->m_vecBytes.swap(m_stMedia.vecRtp);
+    pPacket->Take(m_stMedia, m_bKeepBytes);
     if (m_fnFeed)
         m_fnFeed(m_stMedia, *pPacket, m_llTimeUs);
     run.Feed(pPacket, m_llTimeUs);

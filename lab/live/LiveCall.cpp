@@ -56,8 +56,8 @@ private:
 // ---- Lifecycle ----
 
 CLiveCall::CLiveCall(const tagLiveOptions& stOptions)
-    : m_stOptions(stOptions), m_ullStartTick(LiveTick()), m_clock(m_ullStartTick),
-      m_collector(static_cast<IUDTRecvEventCallBack*>(this)),
+    : m_stOptions(stOptions), m_offsets(stOptions.uPlayDelayMs), m_ullStartTick(LiveTick()),
+      m_clock(m_ullStartTick), m_collector(static_cast<IUDTRecvEventCallBack*>(this)),
       m_pRecv(std::make_unique<CReceiver>(&m_collector, *this))
 {
     m_dwStartTick = (uint32)m_ullStartTick;
@@ -181,7 +181,7 @@ void CLiveCall::OnUDTRecvOutData(UDTCodecBaseDecode_V2* pPacket, int* pnDelay)
     stStream.st.bPlayed = true;
     stStream.st.dwLastOutMs = dwNowMs;
     stStream.st.delay.Add(m_dwNowTick - packet.m_dwFedTick);
-    MeasureAvOffset(stStream, packet, m_dwNowTick);
+    m_offsets.Released(packet, m_dwNowTick);
     if (!packet.m_bLate)
     {
         stStream.dwLastSeq = packet.dwSenderSeq;
@@ -227,27 +227,6 @@ void CLiveCall::WatchStalls(tagStream& stStream, uint32 uStream, const CLivePack
     m_ullStalls++;
     if (m_vecStalls.size() < c_nStallsKept)
         m_vecStalls.push_back({uStream, dwTick - m_dwStartTick, dwSilence - dwMedia});
-}
-
-void CLiveCall::MeasureAvOffset(tagStream& stStream, const CLivePacket& packet, uint32 dwTick)
-{
-    tagUser& stUser = m_mapUsers[packet.u64Uin];
-    const uint32 dwMediaTs = packet.Head().uTimeStamp;
-    const uint32 dwLag = dwTick - dwMediaTs;
-    if (packet.m_cSubType == MEAVAudio)
-    {
-        stUser.bAudio = true;
-        stUser.dwAudioLag = dwLag + m_stOptions.uPlayDelayMs;
-        return;
-    }
-    const bool bNewFrame = !stStream.bFrame || dwMediaTs != stStream.dwLastFrameTs;
-    stStream.bFrame = true;
-    stStream.dwLastFrameTs = dwMediaTs;
-    if (!bNewFrame || !stUser.bAudio)
-        return;
-    const int32 nOffset = (int32)(dwLag - stUser.dwAudioLag);
-    stUser.avOffset.Add((uint32)std::abs((int64)nOffset));
-    stUser.llAvSumMs += nOffset;
 }
 
 int CLiveCall::UdtRecvHandleEvent(WORD wType, uint8* pBuffer, uint32 nBufSize, uint32, uint32)
@@ -298,24 +277,10 @@ void CLiveCall::Feed(tagRtpMedia& stMedia)
     const uint32 dwSsrc = stMedia.dwSsrc;
     CLivePacket* pPacket = new CLivePacket(stMedia.stHead, this);
     CScopePtr<UDTCodecBaseDecode_V2> pHeld(pPacket);
-    pPacket->dwSenderSeq = stMedia.dwSendSeq;
-    pPacket->dwSeq = stMedia.dwSeq;
-    pPacket->u64Uin = stMedia.llAccount;
-    pPacket->wTimeStamp = stMedia.wTimeStamp;
-    pPacket->wLen = stMedia.wLen;
-    pPacket->m_uStream = stMedia.dwStream;
-    pPacket->m_cSubType = stMedia.cSubType;
-    pPacket->m_dwWireLen = stMedia.dwWireLen;
-    pPacket->m_stArrival.dwPayloadBytes = stMedia.wLen;
-    if (stMedia.bByRtx)
-        pPacket->m_stArrival.bRetransmitted = true; // nobody knows of those that come under their own number
-    pPacket->m_stSrc = stMedia.stSrc;
-    pPacket->m_stDst = stMedia.stDst;
     pPacket->m_dwSsrc = dwSsrc;
     pPacket->m_bMarker = stMedia.bMarker;
     pPacket->m_wRtpSeq = stMedia.wRtpSeq;
-    if (m_stOptions.bKeepBytes)
-        pPacket->m_vecBytes.swap(stMedia.vecRtp);
+    pPacket->Take(stMedia, m_stOptions.bKeepBytes);
 
     std::lock_guard<std::mutex> lock(m_lock);
     m_clock.MoveTo(LiveTick());
@@ -468,9 +433,9 @@ uint32 CLiveCall::FirstMs(uint32 uStream) { return Stream(uStream).st.dwFirstArr
 
 void CLiveCall::PutAvOffset(tagUserResult& stUser)
 {
-    const tagUser& st = m_mapUsers[stUser.llAccount];
-    stUser.avOffset = st.avOffset;
-    stUser.llAvSumMs = st.llAvSumMs;
+    const tagAvOffset& st = m_offsets.Of(stUser.llAccount);
+    stUser.avOffset = st.absolute;
+    stUser.llAvSumMs = st.llSumMs;
 }
 
 } // namespace lab

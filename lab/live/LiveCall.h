@@ -3,6 +3,7 @@
 #define LAB_LIVECALL_H
 
 #include "AVGUDTRecv.h"
+#include "AvOffset.h"
 #include "FlightRecorder.h"
 #include "Histogram.h"
 #include "Impair.h"
@@ -131,8 +132,6 @@ private:
         tagStreamResult st;
         uint32 dwSsrc = 0;
         uint8 cSubType = 0;
-        uint32 dwLastFrameTs = 0;
-        bool bFrame = false;
         bool bKeySeen = false; // since the start, or since one was lost
         bool bKeyLost = false;
         uint32 dwKeyMediaMs = 0; // of the newest key frame that came
@@ -142,13 +141,6 @@ private:
         uint32 dwLastTick = 0;
         uint8 cLastFrmType = 0;
         bool bLastMarker = false;
-    };
-    struct tagUser
-    {
-        bool bAudio = false;
-        uint32 dwAudioLag = 0;
-        CMsHistogram avOffset;
-        int64 llAvSumMs = 0;
     };
 
     // Network thread
@@ -170,7 +162,6 @@ private:
     tagStream& Stream(uint32 uStream);
     void WatchKeyFrames(tagStream& stStream, uint32 uStream, const CLivePacket& packet, uint32 dwGap);
     void WatchStalls(tagStream& stStream, uint32 uStream, const CLivePacket& packet, uint32 dwTick);
-    void MeasureAvOffset(tagStream& stStream, const CLivePacket& packet, uint32 dwTick);
 
     const tagLiveOptions m_stOptions;
     const uint64 m_ullStartTick;
@@ -180,7 +171,7 @@ private:
     CDropList m_drops;
     std::unique_ptr<CFlightRecorder> m_pFlight;
     std::vector<tagStream> m_vecStreams;
-    std::map<uint64, tagUser> m_mapUsers;
+    CAvOffsets m_offsets;
     std::map<std::pair<uint64, uint8>, uint32> m_mapKeys;
     std::vector<tagLiveAsk> m_vecAsks;
     std::vector<tagLivePli> m_vecPlis;

@@ -13,6 +13,7 @@
  */
 
 #include "LockstepWorld.h"
+#include "Slow.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,14 +25,7 @@
 namespace
 {
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define LOCKSTEP_SLOW
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define LOCKSTEP_SLOW
-#endif
-#ifdef LOCKSTEP_SLOW
+#ifdef UDT_TESTS_SLOW
 constexpr uint64 c_ullTurns = 5000;
 #else
 constexpr uint64 c_ullTurns = 20000;
