@@ -131,6 +131,8 @@ void FuzzReceiver(const uint8* pData, size_t nLen)
             }
         }
     }
+    if (bGuards)
+        run.Checks().ClearAsked(); // what was turned away since the last turn
     run.Stop();
     if (!run.Checks().Ok())
         throw CFuzzBroken(run.Checks().Violations().front());

@@ -175,6 +175,7 @@ void CRunChecks::TurnEnds()
         }
     }
     m_vecDrops.clear();
+    m_ullSkipLines = 0;
     m_bClearAsked = false;
 }
 

@@ -56,7 +56,11 @@ public:
         m_ullForgets++;
     }
     // From here on what is let go was left in a buffer.
-    void StopBegins() { m_bStopping = true; }
+    void StopBegins()
+    {
+        TurnEnds(); // guards turn packets away between turns, too
+        m_bStopping = true;
+    }
     void Gone(CMediaPacket& packet);
     // After the receiver is gone: the last checks.
     void Finish();
