@@ -53,7 +53,8 @@ void CPlayoutChecks::Released(const CAVGUdtRecv& recv, const CMediaPacket& packe
     if (!pInfo)
         m_fnBroken(fmt::format("stream {}: sequence {} left though its user has no clock", packet.m_uStream,
                                packet.dwSenderSeq));
-    else if (dwMediaMs > pInfo->dwTimelineOut + dwPlayDelay)
+    // What is due without a play delay is due: a stream that came anew has none yet, and the sum may wrap.
+    else if (dwMediaMs > pInfo->dwTimelineOut && dwMediaMs > pInfo->dwTimelineOut + dwPlayDelay)
         m_fnBroken(
             fmt::format("stream {}: sequence {} left before its time: media time {} ms, clock {} ms, play "
                         "delay {} ms",
