@@ -185,7 +185,7 @@ private:
         return m_dwServPushGopNum >= stUinDataBuf.dwVidGopCnt;
     }
     tagUinTrack& TrackOf(tagUinDataBuf& stUinDataBuf);
-    void SettleLossWalk(tagUinDataBuf& stUinDataBuf) const;
+    static void SettleLossWalk(tagUinDataBuf& stUinDataBuf, bool bPushing);
     bool IsLossSettled(const tagUinDataBuf& stUinDataBuf) const;
 
     // ---- Requests (AVGUDTRecvRequest.cpp) --------------------------------------------------------------

@@ -174,13 +174,13 @@ tagUinTrack& CAVGUdtRecv::TrackOf(tagUinDataBuf& stUinDataBuf)
 }
 
 // What it depends on beside the packets is noted with it.
-void CAVGUdtRecv::SettleLossWalk(tagUinDataBuf& stUinDataBuf) const
+void CAVGUdtRecv::SettleLossWalk(tagUinDataBuf& stUinDataBuf, bool bPushing)
 {
     tagUinTrack& stTrack = stUinDataBuf.stTrack;
     stTrack.vecLate.clear();
     stTrack.pWalkedTo = stUinDataBuf.mapUdtPacket.Tail();
     stTrack.dwPFrmCnt = stUinDataBuf.dwPFrmCnt;
-    stTrack.bPushing = IsServerPushing(stUinDataBuf);
+    stTrack.bPushing = bPushing;
 }
 
 // Would the loss walk of this turn leave everything as it is, in silence?
@@ -233,7 +233,7 @@ void CAVGUdtRecv::WalkAudLoss(tagUinDataBuf& stUinDataBuf)
     }
     LearnAudStep(stUinDataBuf, stTrack.stSteps);
     if (bSteady)
-        SettleLossWalk(stUinDataBuf);
+        SettleLossWalk(stUinDataBuf, IsServerPushing(stUinDataBuf));
 }
 
 // The same, looking only at what came since the last walk. False, and nothing was done: what came may upset what was
@@ -267,7 +267,7 @@ UDT_PER_PACKET bool CAVGUdtRecv::FollowAudLoss(tagUinDataBuf& stUinDataBuf)
     for (tagPktNode* pNew = stTrack.pWalkedTo->pNext; pNew != nullptr; pNew = pNew->pNext)
         MarkAudLoss(stTrack, pNew->pPrev, pNew);
 
-    SettleLossWalk(stUinDataBuf);
+    SettleLossWalk(stUinDataBuf, IsServerPushing(stUinDataBuf));
     if (IsNewStep(stTrack.stSteps))
     {
         // By counts that may be too high, of packets that may have left.
@@ -353,6 +353,7 @@ uint32 CAVGUdtRecv::WalkVidLoss(tagUinDataBuf& stUinDataBuf)
 {
     tagUinTrack& stTrack = stUinDataBuf.stTrack;
     stTrack.Forget();
+    stTrack.bPushing = IsServerPushing(stUinDataBuf);
 
     tagPktNode* const pFirst = stUinDataBuf.mapUdtPacket.Head();
     tagDataPacket& stFirst = pFirst->Pkt();
@@ -390,7 +391,7 @@ uint32 CAVGUdtRecv::WalkVidLoss(tagUinDataBuf& stUinDataBuf)
     // packets keep their raised request counts, so the timed scan asks, not this walk again.
 
     if (bSteady && dwPFrmCnt == stUinDataBuf.dwPFrmCnt)
-        SettleLossWalk(stUinDataBuf);
+        SettleLossWalk(stUinDataBuf, stTrack.bPushing);
     return (uint32)stUinDataBuf.mapUdtPacket.size() - 1 - dwErrCnt;
 }
 
@@ -425,7 +426,8 @@ UDT_PER_PACKET uint32 CAVGUdtRecv::FollowVidLoss(tagUinDataBuf& stUinDataBuf)
         pDone = stTrack.vecLate[i]->pPrev;
         stWalk = tagVidWalk(pDone->Pkt());
         bool bMoved = true; // does the next packet see another one before it than last time?
-        while (pDone != stTrack.pWalkedTo && (bMoved || !m_vecIFrmLost.empty()))
+        while (pDone != stTrack.pWalkedTo &&
+               (bMoved || !m_vecIFrmLost.empty() || IsServerPushing(stUinDataBuf) != stTrack.bPushing))
         {
             pDone = pDone->pNext;
             const bool bLate = i < stTrack.vecLate.size() && pDone == stTrack.vecLate[i];
@@ -441,14 +443,14 @@ UDT_PER_PACKET uint32 CAVGUdtRecv::FollowVidLoss(tagUinDataBuf& stUinDataBuf)
         bSteady &= StepVidWalk(stUinDataBuf, stWalk, pNew, dwErrCnt);
 
     if (bSteady && dwPFrmCnt == stUinDataBuf.dwPFrmCnt)
-        SettleLossWalk(stUinDataBuf);
+        SettleLossWalk(stUinDataBuf, stTrack.bPushing);
     else
         stTrack.ForgetWalk();
     return (uint32)stUinDataBuf.mapUdtPacket.size() - 1 - dwErrCnt;
 }
 
-// One packet of the walk, and what was gathered before it of an I frame that has ended. False: a second look would
-// write a line again.
+// One packet of the walk, and what was gathered before it of an I frame that has ended. False: a second
+// look would write a line again, or find otherwise.
 bool CAVGUdtRecv::StepVidWalk(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagPktNode* pCur,
                               uint32& dwErrCnt)
 {
@@ -491,8 +493,8 @@ bool CAVGUdtRecv::StepVidWalk(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, t
     return bSilent;
 }
 
-// One packet that follows in order: how much is missing before it, and is that to be asked for at once? False: it
-// wrote a line.
+// One packet that follows in order: how much is missing before it, and is that to be asked for at once? False: a
+// second look may do more than nothing.
 bool CAVGUdtRecv::MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, tagDataPacket& stCur)
 {
     const uint32 dwLost = stCur.dwSenderSeq - stWalk.m_dwPreSeq - 1;
@@ -533,8 +535,14 @@ bool CAVGUdtRecv::MarkVidLoss(tagUinDataBuf& stUinDataBuf, tagVidWalk& stWalk, t
 uint32 CAVGUdtRecv::LostAcrossFrames(const tagUinDataBuf& stUinDataBuf, const tagVidWalk& stWalk,
                                      const tagDataPacket& stCur, uint32 dwLost, bool& bSilent)
 {
-    if (stWalk.m_nPrePkgIdxLeft == 0 && IsServerPushing(stUinDataBuf))
-        return stCur.cPkgIndex;
+    if (stWalk.m_nPrePkgIdxLeft == 0)
+    {
+        // An owner who is asked amid the walk may set another push: what was judged before that is judged anew.
+        const bool bPushing = IsServerPushing(stUinDataBuf);
+        bSilent = bPushing == stUinDataBuf.stTrack.bPushing;
+        if (bPushing)
+            return stCur.cPkgIndex;
+    }
     if (dwLost <= c_dwMaxFrmCrossGap)
         return dwLost;
     bSilent = false;

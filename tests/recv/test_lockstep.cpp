@@ -255,6 +255,14 @@ std::vector<tagTwinCall> SmallWorld(CLockstepChance& chance)
     tagTwinCall stParams = CallOf(CALL_PARAMS);
     stParams.params.wPushGopNum = (uint16)chance.Below(3);
     vecCalls.push_back(stParams);
+    // An owner who sets another push while he is asked for packets, in the middle of a walk.
+    for (uint32 dwTimes = (uint32)chance.Of({0, 0, 1, 2, 4}); dwTimes != 0; --dwTimes)
+    {
+        stParams.eDoor = DOOR_REQUEST;
+        stParams.dwDoorCount = chance.Between(1, 5);
+        stParams.params.wPushGopNum = (uint16)chance.Below(3);
+        vecCalls.push_back(stParams);
+    }
 
     // Each packet comes in its turn, or some places later, or never.
     std::vector<tagRigPacket> vecPackets = chance.OneIn(2) ? SmallAudio(chance) : SmallVideo(chance);

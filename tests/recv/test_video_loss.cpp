@@ -791,4 +791,66 @@ TEST(VideoLossTurn, AnIFrameIsAskedForOnTheTurnThatBringsThePacketBehindIt)
     EXPECT_THAT(rig.m_owner.RequestTicks(c_ullUin, MEAVMaxVideo, 11), ElementsAre(1350, 1400));
 }
 
+// Behind the first run of P frames, in the push, and found as it is by the walk of its turn.
+class PushEnds : public testing::Test
+{
+protected:
+    PushEnds()
+    {
+        m_rig.Start();
+        m_rig.FeedAll({VideoPacket(c_ullUin, 7, 4920, c_cP, 0, 8, 0, 1),
+                       VideoPacket(c_ullUin, 8, 4960, c_cP, 0, 9, 0, 1),
+                       VideoPacket(c_ullUin, 9, 5000, c_cI, 1, 0, 0, 3)});
+        m_rig.Turn();
+        m_rig.ClockAt(1010);
+    }
+    void EndWhenAsked()
+    {
+        m_rig.m_owner.m_fnOnRequest = [this](const tagRequest&) { m_rig.m_dwServPushGopNum() = 0; };
+    }
+    // For the end of a test: a buffer that was looked into is walked over whole.
+    int Lost(uint32 dwSeq) { return m_rig.Buffered(c_ullUin, MEAVMaxVideo, dwSeq)->cPrePkgLost; }
+
+    CRecvRig m_rig{1000};
+};
+
+// Asked amid the walk, the owner ends the push. What the walk counted before that stands until the next one, which
+// counts it anew although no packet came.
+TEST_F(PushEnds, WhileTheOwnerIsAskedItEndsForWhatWasCountedBeforeToo)
+{
+    m_rig.FeedAll({VideoPacket(c_ullUin, 10, 5000, c_cI, 1, 0, 1, 3),
+                   VideoPacket(c_ullUin, 11, 5000, c_cI, 1, 0, 2, 3),
+                   VideoPacket(c_ullUin, 15, 5040, c_cI, 1, 1, 1, 3),
+                   VideoPacket(c_ullUin, 16, 5080, c_cP, 1, 2, 0, 1)});
+    m_rig.Turn();
+    EndWhenAsked();
+    m_rig.ClockAt(1020);
+    m_rig.FeedAll({VideoPacket(c_ullUin, 20, 5120, c_cI, 1, 3, 1, 3),
+                   VideoPacket(c_ullUin, 21, 5160, c_cP, 1, 4, 0, 1)});
+    m_rig.Turn();
+    // Of 17 to 19 and 12 to 14 the heads of their frames counted alone.
+    EXPECT_THAT(m_rig.m_owner.RequestTicks(c_ullUin, MEAVMaxVideo, 14), ElementsAre(1010));
+    EXPECT_THAT(m_rig.m_owner.RequestTicks(c_ullUin, MEAVMaxVideo, 19), ElementsAre(1020));
+    EXPECT_THAT(m_rig.m_owner.RequestTicks(c_ullUin, MEAVMaxVideo, 18), IsEmpty());
+    m_rig.ClockAt(1030);
+    m_rig.Turn();
+    EXPECT_EQ(3, Lost(15));
+    EXPECT_EQ(3, Lost(20));
+}
+
+// A late packet has only its surroundings walked over again; but if the push ends there, the walk goes on to the end.
+TEST_F(PushEnds, AmidTheWalkOfALatePacketItEndsForAllBehindItAtOnce)
+{
+    m_rig.FeedAll({VideoPacket(c_ullUin, 13, 5040, c_cP, 1, 1, 0, 1),
+                   VideoPacket(c_ullUin, 17, 5080, c_cP, 1, 2, 2, 3),
+                   VideoPacket(c_ullUin, 25, 5120, c_cP, 1, 3, 1, 2)});
+    m_rig.Turn();
+    EndWhenAsked();
+    m_rig.ClockAt(1020);
+    m_rig.FeedAll({VideoPacket(c_ullUin, 11, 5000, c_cI, 1, 0, 2, 3)});
+    m_rig.Turn();
+    EXPECT_THAT(m_rig.m_owner.RequestTicks(c_ullUin, MEAVMaxVideo, 10), ElementsAre(1020)); // before 13
+    EXPECT_EQ(7, Lost(25));
+}
+
 } // namespace
