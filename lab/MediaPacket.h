@@ -79,6 +79,7 @@ public:
     tagUdtArrival m_stArrival; // what its maker knows besides
 
     // Kept by CRunChecks.
+    uint32 m_uFiled = 0;        // where the receiver files it
     uint64 m_ullFedTurn = 0;    // the turn before it was handed in
     uint64 m_ullFedForgets = 0; // how often streams had been forgotten by then
     bool m_bFirst = false;      // the first packet of its stream with this sequence

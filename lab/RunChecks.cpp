@@ -27,30 +27,44 @@ bool IsStranded(uint32 dwSeq, uint32 dwOther) { return IsBehindOrAt(dwSeq, dwOth
 
 } // namespace
 
-CRunChecks::tagStream& CRunChecks::Stream(uint32 uStream)
+tagPacketAccount& CRunChecks::Stream(uint32 uStream)
 {
     if (uStream >= m_vecStreams.size())
         m_vecStreams.resize(uStream + 1);
     return m_vecStreams[uStream];
 }
 
-const tagPacketAccount& CRunChecks::Account(uint32 uStream) { return Stream(uStream).st; }
+const tagPacketAccount& CRunChecks::Account(uint32 uStream) { return Stream(uStream); }
+
+CRunChecks::tagFiled& CRunChecks::FiledOf(CMediaPacket& packet)
+{
+    const auto stPlace =
+        m_mapFiled.emplace(std::make_pair(packet.u64Uin, packet.m_cSubType), (uint32)m_vecFiled.size());
+    if (stPlace.second)
+        m_vecFiled.emplace_back();
+    packet.m_uFiled = stPlace.first->second;
+    return m_vecFiled[packet.m_uFiled];
+}
 
 void CRunChecks::Fed(CMediaPacket& packet, uint32 dwTick)
 {
-    tagStream& stStream = Stream(packet.m_uStream);
+    constexpr uint64 c_ullAround =
+        0x100000000ull - CSeqWindow::c_uSpan; // so many on, and what was first comes again
+    tagPacketAccount& st = Stream(packet.m_uStream);
+    tagFiled& stFiled = FiledOf(packet);
     packet.m_dwFedTick = dwTick;
     packet.m_ullFedTurn = m_ullTurn;
     packet.m_ullFedForgets = m_ullForgets;
-    const CSeqWindow::ESeen eSeen = stStream.seen.Insert(packet.dwSenderSeq);
+    const CSeqWindow::ESeen eSeen = stFiled.seen.Insert(packet.dwSenderSeq);
     packet.m_bFirst = eSeen != CSeqWindow::ESeen::Again;
-    stStream.bFarBack |= eSeen == CSeqWindow::ESeen::Behind &&
-                         stStream.seen.Highest() - packet.dwSenderSeq >= CSeqWindow::c_uSpan;
-    packet.m_bUnsure = stStream.bFarBack;
-    packet.m_bLate = stStream.bPlayed && IsBehindOrAt(packet.dwSenderSeq, stStream.dwHighest);
-    stStream.st.ullFed++;
+    stFiled.bUnsure |= eSeen == CSeqWindow::ESeen::Behind &&
+                       stFiled.seen.Highest() - packet.dwSenderSeq >= CSeqWindow::c_uSpan;
+    stFiled.bUnsure |= stFiled.seen.Expected() >= c_ullAround;
+    packet.m_bUnsure = stFiled.bUnsure;
+    packet.m_bLate = stFiled.bPlayed && IsBehindOrAt(packet.dwSenderSeq, stFiled.dwHighest);
+    st.ullFed++;
     if (packet.m_bFirst)
-        stStream.st.ullFirst++;
+        st.ullFirst++;
     m_ullLive++;
 }
 
@@ -78,38 +92,39 @@ void CRunChecks::LogLine(const char* pszText)
 
 void CRunChecks::Released(CMediaPacket& packet)
 {
-    tagStream& stStream = Stream(packet.m_uStream);
-    CheckOrder(stStream, packet);
-    CheckTwice(stStream, packet);
+    tagPacketAccount& st = Stream(packet.m_uStream);
+    tagFiled& stFiled = m_vecFiled[packet.m_uFiled];
+    CheckOrder(stFiled, packet);
+    CheckTwice(stFiled, packet);
     if (!packet.m_bFirst)
-        stStream.st.ullReplayed++;
+        st.ullReplayed++;
     else if (!packet.m_bReleased)
     {
-        stStream.st.ullPlayed++;
+        st.ullPlayed++;
         if (packet.m_bLate)
-            stStream.st.ullLate++;
+            st.ullLate++;
     }
     packet.m_bReleased = true;
 }
 
-void CRunChecks::CheckOrder(tagStream& stStream, const CMediaPacket& packet)
+void CRunChecks::CheckOrder(tagFiled& stFiled, const CMediaPacket& packet)
 {
     const uint32 dwSeq = packet.dwSenderSeq;
-    if (stStream.ullLastTurn == m_ullTurn && IsBehindOrAt(dwSeq, stStream.dwLastInTurn) &&
-        !IsStranded(dwSeq, stStream.dwLastInTurn))
+    if (stFiled.ullLastTurn == m_ullTurn && IsBehindOrAt(dwSeq, stFiled.dwLastInTurn) &&
+        !IsStranded(dwSeq, stFiled.dwLastInTurn))
         PacketViolation(packet.m_uStream, dwSeq, "left after a higher sequence in the same turn");
-    if (!stStream.bPlayed || !IsBehindOrAt(dwSeq, stStream.dwHighest))
+    if (!stFiled.bPlayed || !IsBehindOrAt(dwSeq, stFiled.dwHighest))
     {
-        stStream.bPlayed = true;
-        stStream.dwHighest = dwSeq;
+        stFiled.bPlayed = true;
+        stFiled.dwHighest = dwSeq;
     }
-    else if (IsStranded(dwSeq, stStream.dwHighest))
-        stStream.st.ullStranded++;
+    else if (IsStranded(dwSeq, stFiled.dwHighest))
+        Stream(packet.m_uStream).ullStranded++;
     else if (!packet.m_bLate)
         PacketViolation(packet.m_uStream, dwSeq,
                         "left out of order, though it had come before its place was played");
-    stStream.ullLastTurn = m_ullTurn;
-    stStream.dwLastInTurn = dwSeq;
+    stFiled.ullLastTurn = m_ullTurn;
+    stFiled.dwLastInTurn = dwSeq;
 }
 
 // When the receiver looked at it: in the first turn after it was handed in, which may be long after when nobody made
@@ -120,11 +135,11 @@ uint32 CRunChecks::TakenTick(const CMediaPacket& packet) const
     return m_ullTurn - ullTurn < c_nTurnRing ? m_vecTurnTicks[ullTurn % c_nTurnRing] : packet.m_dwFedTick;
 }
 
-void CRunChecks::CheckTwice(tagStream& stStream, const CMediaPacket& packet)
+void CRunChecks::CheckTwice(tagFiled& stFiled, const CMediaPacket& packet)
 {
-    if (stStream.vecPlayed.empty())
-        stStream.vecPlayed.resize(c_nPlayedRing);
-    tagPlayed& stPlayed = stStream.vecPlayed[packet.dwSenderSeq % c_nPlayedRing];
+    if (stFiled.vecPlayed.empty())
+        stFiled.vecPlayed.resize(c_nPlayedRing);
+    tagPlayed& stPlayed = stFiled.vecPlayed[packet.dwSenderSeq % c_nPlayedRing];
     if (stPlayed.bSet && stPlayed.dwSeq == packet.dwSenderSeq && stPlayed.ullForgets == m_ullForgets &&
         TakenTick(packet) - stPlayed.dwFedTick < c_dwSurelyRemembered)
         PacketViolation(packet.m_uStream, packet.dwSenderSeq, "played twice");
@@ -139,13 +154,13 @@ void CRunChecks::Gone(CMediaPacket& packet)
     m_ullLive--;
     if (packet.m_bReleased)
         return;
-    tagStream& stStream = Stream(packet.m_uStream);
+    tagPacketAccount& st = Stream(packet.m_uStream);
     if (!m_bStopping)
         m_vecDrops.push_back({packet.m_uStream, packet.dwSenderSeq, packet.m_bFirst, packet.m_bUnsure});
     else if (packet.m_bFirst)
-        stStream.st.ullLeft++;
+        st.ullLeft++;
     else
-        stStream.st.ullRepeats++;
+        st.ullRepeats++;
 }
 
 void CRunChecks::TurnEnds()
@@ -156,7 +171,7 @@ void CRunChecks::TurnEnds()
     for (size_t i = 0; i < m_vecDrops.size(); i++)
     {
         const tagDrop& stDrop = m_vecDrops[i];
-        tagPacketAccount& st = Stream(stDrop.uStream).st;
+        tagPacketAccount& st = Stream(stDrop.uStream);
         if (!stDrop.bFirst)
             st.ullRepeats++;
         else if (i >= nIntake)
@@ -185,7 +200,7 @@ void CRunChecks::Finish()
         Violation(fmt::format("{} packet objects outlived the run", m_ullLive));
     for (size_t i = 0; i < m_vecStreams.size(); i++)
     {
-        const tagPacketAccount& st = m_vecStreams[i].st;
+        const tagPacketAccount& st = m_vecStreams[i];
         const uint64 ullFirst = st.ullPlayed + st.ullSkipped + st.ullCleared + st.ullLeft + st.ullVanished;
         const uint64 ullAll = ullFirst + st.ullRepeats + st.ullReplayed;
         if (ullFirst != st.ullFirst || ullAll != st.ullFed)

@@ -18,7 +18,9 @@
 #include "SeqWindow.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace lab
@@ -87,11 +89,12 @@ private:
         uint64 ullForgets = 0;
         bool bSet = false;
     };
-    struct tagStream
+    // A stream as the receiver files it. Not the same as a stream of the wire: two may follow each other in one, and
+    // one that was followed may speak again as another.
+    struct tagFiled
     {
-        tagPacketAccount st;
         CSeqWindow seen;
-        bool bFarBack = false; // some sequence lay further back than `seen` remembers
+        bool bUnsure = false; // a sequence may have come that `seen` does not remember
         bool bPlayed = false;
         uint32 dwHighest = 0; // of all played
         uint64 ullLastTurn = 0;
@@ -106,15 +109,18 @@ private:
         bool bUnsure;
     };
 
-    tagStream& Stream(uint32 uStream);
+    tagPacketAccount& Stream(uint32 uStream);
+    tagFiled& FiledOf(CMediaPacket& packet);
     uint32 TakenTick(const CMediaPacket& packet) const;
-    void CheckOrder(tagStream& stStream, const CMediaPacket& packet);
-    void CheckTwice(tagStream& stStream, const CMediaPacket& packet);
+    void CheckOrder(tagFiled& stFiled, const CMediaPacket& packet);
+    void CheckTwice(tagFiled& stFiled, const CMediaPacket& packet);
     void Violation(const std::string& strWhat);
     void PacketViolation(uint32 uStream, uint32 dwSeq, const char* pszWhat);
 
-    std::vector<tagStream> m_vecStreams;
-    std::vector<tagDrop> m_vecDrops; // let go unplayed in this turn, not named yet
+    std::vector<tagPacketAccount> m_vecStreams;
+    std::vector<tagFiled> m_vecFiled;
+    std::map<std::pair<uint64, uint8>, uint32> m_mapFiled; // by account and sub-type
+    std::vector<tagDrop> m_vecDrops;                       // let go unplayed in this turn, not named yet
     uint64 m_ullLive = 0;
     uint64 m_ullTurn = 0;
     std::vector<uint32> m_vecTurnTicks; // ring of the last turns
