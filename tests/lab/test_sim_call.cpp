@@ -256,15 +256,17 @@ TEST(SimulateBroken, AnOwnerThatKeepsAPacketIsNamedAndEndsWithThree)
     pKept->Abandon(); // the run is over, it is not to be told of the packet's end
 }
 
-// A feeder that mixes streams up: the packet is booked where its sequence was played long ago or never came, and
-// the order of that stream or its accounts cannot hold.
-TEST(SimulateBroken, AFeederThatBooksAPacketOnAnotherStreamEndsTheRunThere)
+// The receiver read the sequence long ago and plays on in order; what the owner gets is not in order.
+TEST(SimulateBroken, AFeederThatRenumbersAPacketItHandedInEndsTheRunThere)
 {
+    CMediaPacket* pHandedIn = nullptr;
     tagSimHooks stHooks;
     stHooks.fnFeed = [&](CMediaPacket& packet)
     {
-        if (packet.dwSenderSeq == 200 && packet.m_cSubType == MEAVAudio)
-            packet.m_uStream = 1 - packet.m_uStream; // booked on the other stream, where 200 was never due
+        if (packet.m_cSubType == MEAVAudio && packet.dwSenderSeq == 190)
+            pHandedIn = &packet;
+        if (packet.m_cSubType == MEAVAudio && packet.dwSenderSeq == 200)
+            pHandedIn->dwSenderSeq += 1000;
     };
     const tagSimResult st = RunSimulation(
         Scenario({{"seconds", "20"}, {"users.count", "1"}, {"users.video.kbps", "100"}}), stHooks);
