@@ -56,7 +56,7 @@ private:
 // ---- Lifecycle ----
 
 CLiveCall::CLiveCall(const tagLiveOptions& stOptions)
-    : m_stOptions(stOptions), m_offsets(stOptions.uPlayDelayMs), m_ullStartTick(LiveTick()),
+    : m_stOptions(stOptions), m_ullStartTick(LiveTick()), m_offsets(stOptions.uPlayDelayMs),
       m_clock(m_ullStartTick), m_collector(static_cast<IUDTRecvEventCallBack*>(this)),
       m_pRecv(std::make_unique<CReceiver>(&m_collector, *this))
 {

@@ -77,6 +77,7 @@ struct CRunSeries::tagUser
     uint64 ullAccount = 0;
     std::string strId;
     size_t nColumns = 0;
+    size_t Column(size_t nSeries) const { return nColumns + (nSeries - SERIES_OF_STREAM); }
     std::vector<tagStream*> vecStreams;
     bool bTransit = false;
     uint32 dwBase = 0;   // tick minus media time that counts as transit 0
@@ -191,7 +192,7 @@ CRunSeries::tagUser& CRunSeries::User(uint64 ullAccount)
         pUser = std::make_unique<tagUser>();
         pUser->ullAccount = ullAccount;
         pUser->strId = fmt::format("u{}", m_vecUsers.size());
-        pUser->nColumns = AddColumns(c_nSeriesOfUser) - SERIES_OF_STREAM;
+        pUser->nColumns = AddColumns(c_nSeriesOfUser);
         m_vecUsers.push_back(pUser.get());
     }
     return *pUser;
@@ -335,7 +336,7 @@ void CRunSeries::MeasureAvOffset(tagUser& stUser, tagStream& stStream, const tag
     stStream.bFrame = true;
     stStream.dwFrameMs = stPkt.dwTimeStamp;
     if (bNewFrame && stUser.bAudioOut)
-        Value(stUser.nColumns + SERIES_AV_OFFSET, RunMs(ullTick), (int32)(dwLag - stUser.dwAudioLag));
+        Value(stUser.Column(SERIES_AV_OFFSET), RunMs(ullTick), (int32)(dwLag - stUser.dwAudioLag));
 }
 
 void CRunSeries::Requested(const tagReplyData* pReply, uint32 uCount, uint64 ullTick)
@@ -549,11 +550,11 @@ void CRunSeries::TakePlayout(tagUser& stUser, const tagPlayoutInfo& stInfo, std:
         const int64 llHigh = (int64)nLow + stInfo.dwBandWidth;
         if (std::abs((int64)nLow) <= c_nTransitLeap && llHigh <= 6LL * c_nTransitLeap)
         {
-            Value(stUser.nColumns + SERIES_BAND_MIN, ullMs, nLow);
-            Value(stUser.nColumns + SERIES_BAND_MAX, ullMs, (int32)llHigh);
+            Value(stUser.Column(SERIES_BAND_MIN), ullMs, nLow);
+            Value(stUser.Column(SERIES_BAND_MAX), ullMs, (int32)llHigh);
         }
     }
-    Value(stUser.nColumns + SERIES_TARGET, ullMs, (int32)std::min<uint32>(stInfo.dwTarget, INT32_MAX));
+    Value(stUser.Column(SERIES_TARGET), ullMs, (int32)std::min<uint32>(stInfo.dwTarget, INT32_MAX));
     for (const tagStream* pStream : stUser.vecStreams)
     {
         if (!pStream->book.HasCome())
@@ -574,7 +575,7 @@ void CRunSeries::TakePlayout(tagUser& stUser, const tagPlayoutInfo& stInfo, std:
     TakeClock(stUser, stInfo.dwTimelineOut, ullMs);
     const int32 nLatency = (int32)((uint32)ullTick - stInfo.dwTimelineOut - stUser.dwBase);
     if (stUser.bTransit && std::abs((int64)nLatency) <= 6LL * c_nTransitLeap)
-        Value(stUser.nColumns + SERIES_LATENCY, ullMs, nLatency);
+        Value(stUser.Column(SERIES_LATENCY), ullMs, nLatency);
 }
 
 void CRunSeries::TakeClock(tagUser& stUser, uint32 dwClock, uint64 ullMs)
@@ -585,10 +586,7 @@ void CRunSeries::TakeClock(tagUser& stUser, uint32 dwClock, uint64 ullMs)
     const double dSpeed = stUser.bClock ? (double)(int32)(dwClock - stUser.dwClock) / (double)ullSpan : 1;
     // A leap is no speed: it has its own mark.
     if (stUser.bClock && dSpeed > 0 && dSpeed < 2)
-        Value(stUser.nColumns + SERIES_CLOCK_SPEED, ullMs,
-              dSpeed < c_dSlow   ? -100
-              : dSpeed > c_dFast ? 100
-                                 : 0);
+        Value(stUser.Column(SERIES_CLOCK_SPEED), ullMs, dSpeed < c_dSlow ? -100 : dSpeed > c_dFast ? 100 : 0);
     stUser.bClock = true;
     stUser.dwClock = dwClock;
     stUser.ullClockMs = ullMs;
@@ -624,7 +622,7 @@ nlohmann::ordered_json CRunSeries::SeriesJson(const CBinTable& table, uint64 ull
             bool bAny = false;
             for (size_t i = nSkip; i < nEnd; i++)
             {
-                const tagBin& st = table.At(nColumns + n, i);
+                const tagBin& st = table.At(nColumns + n - nFirst, i);
                 const uint64 ullEndMs = table.FirstMs() + (i + 1) * ullBinMs;
                 if (stName.eKind == tagSeriesName::SUM)
                 {
@@ -677,11 +675,11 @@ nlohmann::ordered_json CRunSeries::SeriesJson(const CBinTable& table, uint64 ull
     {
         const tagSeriesTotals& st = p->book.Totals();
         Add(p->strId, p->nColumns, 0, SERIES_REQUESTS_WASTED, p->pUser->nSmallest, st.ullFirstIn);
-        Add(p->strId, p->nColumns, SERIES_REQUESTS_WASTED, SERIES_REQUESTS_WASTED + 1, 0,
-            st.bWastedKnown ? st.ullFirstIn : std::optional<uint64>());
-        Add(p->strId, p->nColumns, SERIES_GAPS, SERIES_OF_STREAM, 0, st.ullFirstIn);
+        Add(p->strId, p->nColumns + SERIES_REQUESTS_WASTED, SERIES_REQUESTS_WASTED,
+            SERIES_REQUESTS_WASTED + 1, 0, st.bWastedKnown ? st.ullFirstIn : std::optional<uint64>());
+        Add(p->strId, p->nColumns + SERIES_GAPS, SERIES_GAPS, SERIES_OF_STREAM, 0, st.ullFirstIn);
     }
-    Add("run", m_nRunColumns - SERIES_END_OF_USER, SERIES_END_OF_USER, SERIES_END_OF_RUN, 0, {});
+    Add("run", m_nRunColumns, SERIES_END_OF_USER, SERIES_END_OF_RUN, 0, {});
     return jAll;
 }
 
