@@ -72,6 +72,18 @@ size_t CheckTree(const NODE* pNode)
     return 1 + CheckTree(pNode->LeftChild) + CheckTree(pNode->RightChild);
 }
 
+// Black nodes on every way down. No red node is under a red one.
+template <class NODE>
+size_t CheckColours(const NODE* pNode, bool bUnderRed)
+{
+    if (pNode == nullptr)
+        return 0;
+    FuzzExpect(!(bUnderRed && pNode->IsRed), "a red node under a red one");
+    const size_t nBlack = CheckColours(pNode->LeftChild, pNode->IsRed);
+    FuzzExpect(nBlack == CheckColours(pNode->RightChild, pNode->IsRed), "one side is blacker");
+    return nBlack + (pNode->IsRed ? 0 : 1);
+}
+
 } // namespace
 
 void FuzzXpMap(const uint8* pData, size_t nLen)
@@ -80,6 +92,8 @@ void FuzzXpMap(const uint8* pData, size_t nLen)
     CFuzzInput in(pData, nLen);
     Map map;
     StdMap mapStd;
+    size_t nBefore = 0;
+    bool bOnlyGrew = true; // what is taken out may leave the tree unbalanced, on purpose
     uint32 dwValue = 0;
     while (!in.Empty())
     {
@@ -154,10 +168,15 @@ void FuzzXpMap(const uint8* pData, size_t nLen)
         }
         SameAnswers(map, mapStd, dwKey);
         FuzzExpect(map.size() == mapStd.size(), "sizes differ");
+        FuzzExpect(map.getRoot() == nullptr || !map.getRoot()->IsRed, "the root is red");
+        bOnlyGrew = mapStd.empty() || (bOnlyGrew && mapStd.size() >= nBefore);
+        nBefore = mapStd.size();
         if (cWhat & 0x40)
         {
             SameEntries(map, mapStd);
             FuzzExpect(CheckTree(map.getRoot()) == mapStd.size(), "the tree has lost entries");
+            if (bOnlyGrew)
+                CheckColours(map.getRoot(), false);
         }
     }
     SameEntries(map, mapStd);
