@@ -75,6 +75,7 @@ public:
     uint32 m_uStream = 0;   // the run's own number of the stream
     uint32 m_dwFedTick = 0; // when it was handed in
     uint8 m_cSubType = 0;
+    uint32 m_uEpoch = 0; // how often its sender had begun to count anew, where the numbers tell nobody
 
     tagUdtArrival m_stArrival; // what its maker knows besides
 

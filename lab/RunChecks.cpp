@@ -38,8 +38,8 @@ const tagPacketAccount& CRunChecks::Account(uint32 uStream) { return Stream(uStr
 
 CRunChecks::tagFiled& CRunChecks::FiledOf(CMediaPacket& packet)
 {
-    const auto stPlace =
-        m_mapFiled.emplace(std::make_pair(packet.u64Uin, packet.m_cSubType), (uint32)m_vecFiled.size());
+    const auto stPlace = m_mapFiled.emplace(
+        std::make_tuple(packet.u64Uin, packet.m_cSubType, packet.m_uEpoch), (uint32)m_vecFiled.size());
     if (stPlace.second)
         m_vecFiled.emplace_back();
     packet.m_uFiled = stPlace.first->second;

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -90,7 +91,7 @@ private:
         bool bSet = false;
     };
     // A stream as the receiver files it. Not the same as a stream of the wire: two may follow each other in one, and
-    // one that was followed may speak again as another.
+    // one that was followed may speak again as another. A sender of a simulation that begins anew is another one, too.
     struct tagFiled
     {
         CSeqWindow seen;
@@ -119,8 +120,8 @@ private:
 
     std::vector<tagPacketAccount> m_vecStreams;
     std::vector<tagFiled> m_vecFiled;
-    std::map<std::pair<uint64, uint8>, uint32> m_mapFiled; // by account and sub-type
-    std::vector<tagDrop> m_vecDrops;                       // let go unplayed in this turn, not named yet
+    std::map<std::tuple<uint64, uint8, uint32>, uint32> m_mapFiled; // by account, sub-type and epoch
+    std::vector<tagDrop> m_vecDrops; // let go unplayed in this turn, not named yet
     uint64 m_ullLive = 0;
     uint64 m_ullTurn = 0;
     std::vector<uint32> m_vecTurnTicks; // ring of the last turns

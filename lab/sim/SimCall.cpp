@@ -441,6 +441,7 @@ void CSimCall::AtReceiver(CLabRun& run, int64 llNowUs, const tagSimPacket& stPac
     CMediaPacket* pPacket = run.NewPacket(stHead);
     pPacket->m_uStream = stream.m_uNumber;
     pPacket->m_cSubType = cSubType;
+    pPacket->m_uEpoch = stream.m_uEpoch;
     pPacket->uCustomId = stPacket.uIndex;
     pPacket->dwSenderSeq = stream.Seq(stPacket.uIndex);
     pPacket->dwSeq = stPacket.dwDownSeq;
@@ -457,6 +458,9 @@ int CSimCall::OnReleased(CMediaPacket& packet, uint32 dwTick)
 {
     const int nPlayDelay = (int)m_stScenario.stReceiver.uPlayDelayMs;
     CSimStream& stream = Stream(packet.m_uStream);
+    if (AccountOf(stream.m_uUser) != packet.u64Uin || SimStreamSubType(stream.m_nKind) != packet.m_cSubType)
+        m_pRun->Checks().Report(fmt::format("stream {}: sequence {} is booked there and belongs to another",
+                                            packet.m_uStream, packet.dwSenderSeq));
     const uint32 uIndex = (uint32)packet.uCustomId;
     const uint32 dwMediaMs = packet.Head().uTimeStamp;
     tagSimRecord* p = stream.Find(uIndex);

@@ -196,6 +196,9 @@ TEST(Simulate, UsersJoinMuteLeaveAndComeBackAsScheduled)
     EXPECT_EQ(st.vecStreams[0].st.ullSent, 350u); // 2 to 6 s and 9 to 12 s
     EXPECT_EQ(st.vecStreams[2].st.ullSent, 750u);
     EXPECT_EQ(st.vecStreams[2].uEpoch, 1u);
+    // It counts from where the first one did, and none of its packets is taken for one of those.
+    EXPECT_EQ(st.vecStreams[2].stPackets.ullFirst, st.vecStreams[2].stPackets.ullFed);
+    EXPECT_GT(st.vecStreams[2].stPackets.ullPlayed, 700u);
     EXPECT_EQ(st.stSum.ullUnrecovered, 0u);
 }
 
@@ -254,6 +257,22 @@ TEST(SimulateBroken, AnOwnerThatKeepsAPacketIsNamedAndEndsWithThree)
     EXPECT_THAT(SimTable(st, true, false), HasSubstr("BROKEN: "));
     EXPECT_EQ(SimJson(st)["checks"]["ok"], false);
     pKept->Abandon(); // the run is over, it is not to be told of the packet's end
+}
+
+// A feeder that mixes streams up.
+TEST(SimulateBroken, AFeederThatBooksAPacketOnAnotherStreamEndsTheRunThere)
+{
+    tagSimHooks stHooks;
+    stHooks.fnFeed = [&](CMediaPacket& packet)
+    {
+        if (packet.dwSenderSeq == 200 && packet.m_cSubType == MEAVAudio)
+            packet.m_uStream = 1 - packet.m_uStream; // booked on the other stream
+    };
+    const tagSimResult st = RunSimulation(
+        Scenario({{"seconds", "20"}, {"users.count", "1"}, {"users.video.kbps", "100"}}), stHooks);
+    EXPECT_EQ(st.ExitCode(), 3);
+    EXPECT_LT(st.dwRunMs, 8000u); // it ended there
+    EXPECT_THAT(SimTable(st, true, false), HasSubstr("the run ended there"));
 }
 
 // The receiver read the sequence long ago and plays on in order; what the owner gets is not in order.

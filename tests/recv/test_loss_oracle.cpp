@@ -3,8 +3,9 @@
  * random material. Every comparison looks at all fields of every buffered packet, at what the streams
  * remember, at the lines written and at the requests made.
  *
- * UDT_ORACLE_STEPS sets the steps of each test (100,000; 20,000 under a sanitizer), UDT_ORACLE_SEED the seed (a new one per run). The
- * seed is printed; a failing case prints it with its step, and the same seed runs the same way up to there.
+ * UDT_ORACLE_STEPS sets the steps of each test (100,000; 20,000 under a sanitizer), UDT_ORACLE_SEED the seed (a
+ * new one per run). The seed is printed; a failing case prints it with its step, and the same seed runs the same
+ * way up to there.
  */
 
 #include "PlainLoss.h"
