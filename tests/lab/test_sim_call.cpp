@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <thread>
 
 using namespace lab;
 using testing::HasSubstr;
@@ -92,25 +91,6 @@ TEST(Simulate, TheSameSeedMakesTheSameReportToTheByteAndAnotherDoesNot)
     stOther.ullSeed = 2;
     EXPECT_NE(SimJson(stA)["all"].dump(), SimJson(RunSimulation(stOther))["all"].dump());
     ExpectBooksBalance(stA);
-}
-
-// Each thread has its own clock and log tap; nothing else is shared.
-TEST(Simulate, RunsSideBySideAreTheSameAsOneAfterTheOther)
-{
-    std::vector<std::string> vecAlone, vecBeside(4);
-    std::vector<tagScenario> vecScenarios;
-    for (int i = 0; i < 4; i++)
-    {
-        vecScenarios.push_back(Scenario({{"seconds", "10"}, {"down.loss_percent", "10"}}));
-        vecScenarios.back().ullSeed = (uint64)i;
-        vecAlone.push_back(SimJson(RunSimulation(vecScenarios.back())).dump());
-    }
-    std::vector<std::thread> vecThreads;
-    for (size_t i = 0; i < 4; i++)
-        vecThreads.emplace_back([&, i] { vecBeside[i] = SimJson(RunSimulation(vecScenarios[i])).dump(); });
-    for (std::thread& thread : vecThreads)
-        thread.join();
-    EXPECT_EQ(vecAlone, vecBeside);
 }
 
 // The first seconds, while the buffer fills and pictures are in their first run of P frames, are in it.
