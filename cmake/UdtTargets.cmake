@@ -19,6 +19,37 @@ function(udt_reads_bytes TARGET)
   endif()
 endfunction()
 
+# Tests are compiled far longer than they run, above all under sanitizers. What they test keeps its own flags.
+function(udt_test_flags TARGET)
+  udt_strict(${TARGET})
+  if(UDT_SANITIZE)
+    target_compile_options(${TARGET} PRIVATE -O0)
+    if(UDT_FUZZERS)
+      target_compile_options(${TARGET} PRIVATE -fno-sanitize=fuzzer-no-link)
+    endif()
+  else()
+    target_compile_options(${TARGET} PRIVATE $<$<CONFIG:Release>:-O0>)
+  endif()
+  # For ccache: it sees which precompiled headers were used, and they are the same whenever they were made.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${TARGET} PRIVATE -fpch-preprocess)
+  else()
+    target_compile_options(${TARGET} PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
+  endif()
+endfunction()
+
+# What every test includes and nobody here writes, read once: a third of the time of most tests.
+function(udt_test_headers NAME)
+  set(SOURCE ${CMAKE_CURRENT_BINARY_DIR}/${NAME}.cpp)
+  file(CONFIGURE OUTPUT ${SOURCE} CONTENT "")
+  add_library(${NAME} OBJECT ${SOURCE})
+  target_compile_features(${NAME} PRIVATE cxx_std_17)
+  target_link_libraries(${NAME} PRIVATE udt::recv GTest::gmock)
+  udt_test_flags(${NAME})
+  target_precompile_headers(${NAME} PRIVATE <gmock/gmock.h> <gtest/gtest.h> <algorithm> <atomic> <fstream>
+                            <functional> <map> <memory> <random> <set> <string> <thread> <vector>)
+endfunction()
+
 # One test program per folder of tests/, its cases listed to ctest one by one. They are listed when
 # ctest starts, not while building: so a program is never run by a build, and ctest's own environment
 # (see the thread sanitizer in ./run) holds for listing too.
@@ -31,16 +62,8 @@ function(udt_test_program NAME)
   add_executable(${NAME} ${ARG_SOURCES})
   target_compile_features(${NAME} PRIVATE cxx_std_17)
   target_link_libraries(${NAME} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
-  udt_strict(${NAME})
-  # Tests are compiled far longer than they run, above all under sanitizers. What they test keeps its own flags.
-  if(UDT_SANITIZE)
-    target_compile_options(${NAME} PRIVATE -O0)
-    if(UDT_FUZZERS)
-      target_compile_options(${NAME} PRIVATE -fno-sanitize=fuzzer-no-link)
-    endif()
-  else()
-    target_compile_options(${NAME} PRIVATE $<$<CONFIG:Release>:-O0>)
-  endif()
+  udt_test_flags(${NAME})
+  target_precompile_headers(${NAME} REUSE_FROM udt_tests_headers)
   gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 ${LABEL})
   add_dependencies(udt_tests ${NAME})
 endfunction()
