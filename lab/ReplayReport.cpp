@@ -1,6 +1,7 @@
 #include "ReplayReport.h"
 
 #include "Files.h"
+#include "Paint.h"
 #include "ReportTable.h"
 #include "Verdict.h"
 
@@ -17,28 +18,6 @@ namespace
 
 constexpr size_t c_nNameWidth = 21;
 constexpr uint64 c_ullFirstDateUs = 86400 * 1000000ull; // below it a capture counts from 0
-
-struct tagPaint
-{
-    bool bColours;
-    std::string Wrap(const char* pszCode, const std::string& str) const
-    {
-        if (!bColours)
-            return str;
-        const bool bLine = !str.empty() && str.back() == '\n'; // a colour ends with its line
-        return fmt::format("\033[{}m{}\033[0m{}", pszCode, bLine ? str.substr(0, str.size() - 1) : str,
-                           bLine ? "\n" : "");
-    }
-    std::string Head(const std::string& str) const { return Wrap("1", str); }
-    std::string Bad(const std::string& str) const { return Wrap("31;1", str); }
-    std::string Good(const std::string& str) const { return Wrap("32", str); }
-    // A count that is worth a look when it is not 0, right-aligned.
-    std::string Count(uint64 ull, int nWidth) const
-    {
-        const std::string str = fmt::format("{:>{}}", ull, nWidth);
-        return ull ? Wrap("33", str) : str;
-    }
-};
 
 std::string Percent(uint64 ullPart, uint64 ullWhole)
 {
@@ -185,8 +164,6 @@ void RequestTable(std::string& str, const tagReplayResult& stResult, const tagPa
 }
 
 // ---- The same tables for the page ----
-
-std::string Cell(uint64 ull) { return fmt::format("{}", ull); }
 
 std::string DelayCell(const CMsHistogram& h, uint32 uMs) { return h.Count() ? Cell(uMs) : "-"; }
 

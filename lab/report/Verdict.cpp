@@ -60,7 +60,7 @@ const Json& Part(const Json& j, const char* pszName)
 }
 
 // Never "0 %" of something and never "100 %" of less than all.
-std::string Percent(uint64_t ullPart, uint64_t ullWhole)
+std::string Portion(uint64_t ullPart, uint64_t ullWhole)
 {
     const double d = ullWhole != 0 ? 100.0 * (double)ullPart / (double)ullWhole : 0;
     if (ullPart != 0 && d < 0.1)
@@ -222,16 +222,16 @@ void CVerdict::Gather()
 std::string LossText(uint64_t ullExpected, uint64_t ullLost, uint64_t ullInTime, uint64_t ullLate,
                      uint64_t ullNever)
 {
-    std::string str = Percent(ullLost, ullExpected) + " lost, ";
+    std::string str = Portion(ullLost, ullExpected) + " lost, ";
     if (ullInTime == ullLost)
         return str + "all of it repaired in time";
     if (ullInTime == 0 && ullLate == 0)
         return str + "none of it repaired";
-    str += (ullInTime == 0 ? std::string("none") : Percent(ullInTime, ullLost)) + " of it repaired in time";
+    str += (ullInTime == 0 ? std::string("none") : Portion(ullInTime, ullLost)) + " of it repaired in time";
     if (ullLate != 0)
-        str += ", " + Percent(ullLate, ullLost) + " too late";
+        str += ", " + Portion(ullLate, ullLost) + " too late";
     if (ullNever != 0)
-        str += ", " + Percent(ullNever, ullLost) + " never";
+        str += ", " + Portion(ullNever, ullLost) + " never";
     return str;
 }
 
@@ -475,7 +475,7 @@ void CVerdict::SayRequests()
     }
     if (ullWasted >= 10 && ullWasted * 10 > ullAsked)
         Say("note", fmt::format("{} of {} loss requests ({}) were for packets that came by themselves",
-                                ullWasted, ullAsked, Percent(ullWasted, ullAsked)));
+                                ullWasted, ullAsked, Portion(ullWasted, ullAsked)));
     if (ullOnce < 10 || ullAnswered * 2 >= ullOnce)
         return;
     const auto itRun = m_j.find("run");

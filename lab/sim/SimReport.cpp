@@ -1,5 +1,6 @@
 #include "SimReport.h"
 
+#include "Paint.h"
 #include "ReportTable.h"
 #include "Verdict.h"
 
@@ -16,21 +17,9 @@ namespace
 
 typedef nlohmann::ordered_json Json;
 
-struct tagPaint
-{
-    bool bColours;
-    std::string Wrap(const char* pszCode, const std::string& str) const
-    {
-        return bColours ? fmt::format("\033[{}m{}\033[0m", pszCode, str) : str;
-    }
-    std::string Head(const std::string& str) const { return Wrap("1", str); }
-    std::string Bad(const std::string& str) const { return Wrap("31;1", str); }
-    std::string Good(const std::string& str) const { return Wrap("32", str); }
-};
-
 const char* const c_aWayNames[SIM_WAYS] = {"up", "down", "request", "back"};
 
-std::string Percent(uint64 ullPart, uint64 ullWhole)
+std::string PercentText(uint64 ullPart, uint64 ullWhole)
 {
     return ullWhole ? fmt::format("{:.2f}%", 100.0 * (double)ullPart / (double)ullWhole) : "-";
 }
@@ -65,8 +54,8 @@ void RepairRow(std::string& str, const std::string& strWho, const char* pszMedia
                const tagSimStreamCounts& st)
 {
     str += fmt::format(c_pszRepairHead, Cut(strWho, 16), pszMedia, st.ullSent, st.ullLost,
-                       Percent(st.ullLost, st.ullSent), st.ullAsked, st.ullAnswered, st.ullInTime,
-                       st.ullRecoveredLate, st.ullUnrecovered, Percent(st.ullInTime, st.ullLost),
+                       PercentText(st.ullLost, st.ullSent), st.ullAsked, st.ullAnswered, st.ullInTime,
+                       st.ullRecoveredLate, st.ullUnrecovered, PercentText(st.ullInTime, st.ullLost),
                        Ratio(st.ullAskedLostSeqs, st.ullAsked), st.ullWastedSeqs);
 }
 
@@ -130,14 +119,12 @@ void AvTable(std::string& str, const tagSimResult& stResult, const tagPaint& pai
 
 // ---- The same tables for the page ----
 
-std::string Cell(uint64 ull) { return fmt::format("{}", ull); }
-
 void AddRepairRow(CReportTable& table, const std::string& strWho, const char* pszMedia,
                   const tagSimStreamCounts& st)
 {
-    table.Row({strWho, pszMedia, Cell(st.ullSent), Cell(st.ullLost), Percent(st.ullLost, st.ullSent),
+    table.Row({strWho, pszMedia, Cell(st.ullSent), Cell(st.ullLost), PercentText(st.ullLost, st.ullSent),
                Cell(st.ullAsked), Cell(st.ullAnswered), Cell(st.ullInTime), Cell(st.ullRecoveredLate),
-               Cell(st.ullUnrecovered), Percent(st.ullInTime, st.ullLost),
+               Cell(st.ullUnrecovered), PercentText(st.ullInTime, st.ullLost),
                Ratio(st.ullAskedLostSeqs, st.ullAsked), Cell(st.ullWastedSeqs)});
 }
 
