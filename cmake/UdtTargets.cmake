@@ -19,14 +19,6 @@ function(udt_reads_bytes TARGET)
   endif()
 endfunction()
 
-# For what is compiled far longer than it runs: two checks of every access are a sixth of that time. An access through a
-# null pointer ends a sanitized program anyway.
-function(udt_fewer_checks TARGET)
-  if(UDT_SANITIZE MATCHES "undefined")
-    target_compile_options(${TARGET} PRIVATE -fno-sanitize=null,alignment)
-  endif()
-endfunction()
-
 # What precompiled headers need for ccache: it sees which were used, and they are the same whenever they were made.
 function(udt_precompiled TARGET)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
@@ -48,7 +40,6 @@ function(udt_test_flags TARGET)
   udt_strict(${TARGET})
   if(UDT_SANITIZE)
     target_compile_options(${TARGET} PRIVATE -O0)
-    udt_fewer_checks(${TARGET})
     if(UDT_FUZZERS)
       target_compile_options(${TARGET} PRIVATE -fno-sanitize=fuzzer-no-link)
     endif()
