@@ -277,6 +277,14 @@ std::vector<CBytes> BuildRtcp(const tagRtcpFeedback& stFeedback, size_t nMost)
 
 // ---- The round trip ----
 
+bool RtcpSender(const uint8* pData, uint32 dwLen, uint32& dwSsrc)
+{
+    if (dwLen < 8)
+        return false;
+    dwSsrc = Read32(pData + 4);
+    return true;
+}
+
 bool FindDlrr(const uint8* pData, uint32 dwLen, uint32 dwSsrc, uint32& dwLrr, uint32& dwDlrr)
 {
     while (dwLen >= 4 && pData[0] >> 6 == RTCP_VERSION)

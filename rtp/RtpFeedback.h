@@ -72,6 +72,10 @@ std::vector<std::vector<uint8>> BuildRtcp(const tagRtcpFeedback& stFeedback, siz
 /// @return false when there is none; any bytes are taken
 bool FindDlrr(const uint8* pData, uint32 dwLen, uint32 dwSsrc, uint32& dwLrr, uint32& dwDlrr);
 
+/// Who an RTCP datagram is from: the SSRC that every first part (SR, RR, or feedback of reduced size) begins with.
+/// @return false when it is too short; any bytes are taken
+bool RtcpSender(const uint8* pData, uint32 dwLen, uint32& dwSsrc);
+
 /// NTP time, 32.32, of microseconds since 1970.
 uint64 UnixUsToNtp(uint64 ullUs);
 /// Its middle 32 bits, 1/65536 s.

@@ -40,6 +40,7 @@ constexpr uint64 c_ullPollDownlinkUs = 2 * c_ullSecondUs;
 constexpr uint32 c_dwTailMs = 3000; // what was dropped this late may come back or be played after the end
 constexpr int c_nIdleMs = 5;        // between looks at what was held for its frame
 constexpr int c_nDatagramsAtOnce = 64;
+constexpr size_t c_nMostUnheard = 4096; // SSRCs that only RTCP told of
 
 bool SameHost(const tagRtpAddr& stA, const tagRtpAddr& stB)
 {
@@ -61,8 +62,9 @@ struct tagDoor
     CFd fdRtp;
     CFd fdRtcp; // not open: on the same port
     tagLock stLock;
-    std::map<uint32, tagLock> mapLocks; // by SSRC, where sources may be many
-    tagRtpAddr stRtcpTo;
+    std::map<uint32, tagLock> mapLocks;       // by SSRC, where sources may be many
+    std::map<uint32, tagRtpAddr> mapRtcpFrom; // of them, and of some whose first packet has not come
+    tagRtpAddr stRtcpTo;                      // the last that sent any
     bool bRtcpToFixed = false;
     std::map<uint32, CRtpReportSource> mapReports;
     tagListenSource st;
@@ -116,7 +118,9 @@ private:
     // What came in
     void Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort);
     bool IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp);
+    bool IsRtcpWelcome(tagDoor& door, const tagRtpDatagram& st);
     void Deliver(const tagRtpDatagram& st, uint32 uDoor);
+    std::string UserOf(const tagRtpDatagram& st, uint32 dwSsrc) const;
     void NameSource(const tagRtpDatagram& st, uint32 dwSsrc);
     void LockNewStreams();
     void Drain();
@@ -125,7 +129,8 @@ private:
     // What goes out
     void SendRequests();
     void SendReports(bool bBye);
-    void Send(tagDoor& door, const tagRtcpFeedback& stFeedback);
+    tagRtpAddr RtcpTo(const tagDoor& door, uint32 dwSsrc) const;
+    void Send(tagDoor& door, const tagRtpAddr& stTo, const tagRtcpFeedback& stFeedback);
     void WantPli(uint32 uStream, uint64& ullCount, uint64 ullNowUs);
     void TellRtt();
     void OnReleased(CLivePacket& packet);
@@ -337,13 +342,13 @@ void CListen::Run()
     {
         if (poll(vecPoll.data(), vecPoll.size(), PollTimeout(LiveNowUs())) < 0 && errno != EINTR)
             break;
+        // RTCP of all ports first: what it says of a stream should be known when the stream begins.
         for (size_t i = 0; i < m_vecDoors.size(); i++)
-        {
-            if (vecPoll[2 * i].revents != 0)
-                Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtp, (uint32)i, false);
             if (vecPoll[2 * i + 1].revents != 0)
                 Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtcp, (uint32)i, true);
-        }
+        for (size_t i = 0; i < m_vecDoors.size(); i++)
+            if (vecPoll[2 * i].revents != 0)
+                Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtp, (uint32)i, false);
         uint64_t ullCount = 0;
         if (vecPoll[2 * m_vecDoors.size()].revents != 0)
             (void)!read(m_fdWake.Get(), &ullCount, sizeof(ullCount));
@@ -465,16 +470,7 @@ void CListen::Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort
 bool CListen::IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp)
 {
     if (bRtcp)
-    {
-        bool bKnown = door.stLock.stSrc.cFamily == 0 || SameHost(door.stLock.stSrc, st.stSrc);
-        if (m_stOptions.bAnySource)
-            bKnown = true;
-        if (!bKnown)
-            door.st.ullForeignRtcp++;
-        else if (!door.bRtcpToFixed)
-            door.stRtcpTo = st.stSrc;
-        return bKnown;
-    }
+        return IsRtcpWelcome(door, st);
     tagLock* pLock = &door.stLock;
     if (m_stOptions.bAnySource)
     {
@@ -513,6 +509,29 @@ bool CListen::IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp)
     return true;
 }
 
+bool CListen::IsRtcpWelcome(tagDoor& door, const tagRtpDatagram& st)
+{
+    // Where sources may be many, who speaks for an SSRC has to be its own.
+    uint32 dwSender = 0;
+    const bool bSender = m_stOptions.bAnySource && RtcpSender(st.pData, st.dwCaptured, dwSender);
+    const auto it = bSender ? door.mapLocks.find(dwSender) : door.mapLocks.end();
+    const bool bOurs = it != door.mapLocks.end();
+    const tagRtpAddr stHeldTo = !m_stOptions.bAnySource ? door.stLock.stSrc
+                                : bOurs                 ? it->second.stSrc
+                                                        : tagRtpAddr();
+    if (stHeldTo.cFamily != 0 && !SameHost(stHeldTo, st.stSrc))
+    {
+        door.st.ullForeignRtcp++;
+        return false;
+    }
+    if (door.bRtcpToFixed)
+        return true;
+    door.stRtcpTo = st.stSrc;
+    if (bOurs || (bSender && door.mapRtcpFrom.size() < c_nMostUnheard))
+        door.mapRtcpFrom[dwSender] = st.stSrc;
+    return true;
+}
+
 void CListen::Deliver(const tagRtpDatagram& st, uint32 uDoor)
 {
     tagDoor& door = *m_vecDoors[uDoor];
@@ -548,29 +567,45 @@ void CListen::Deliver(const tagRtpDatagram& st, uint32 uDoor)
     Drain();
 }
 
-// Whose an SSRC is, the intake must have heard before its first packet: what it hears later moves no stream. Where no
-// CNAME is known yet, a sender that uses several ports of ours is taken for one user, so that his picture and sound
-// are kept in step.
-void CListen::NameSource(const tagRtpDatagram& st, uint32 dwSsrc)
+// Whose an SSRC is. Where no CNAME is known yet, a sender that uses several ports of ours is taken for one user, so that
+// his picture and sound are kept in step. What he is called by then stays his name: a stream that comes once his CNAME is
+// known goes to the others.
+std::string CListen::UserOf(const tagRtpDatagram& st, uint32 dwSsrc) const
 {
-    if (m_setNamed.size() > 4096 || !m_setNamed.insert(dwSsrc).second || m_mapCnames.count(dwSsrc) != 0)
-        return;
-    const auto it = m_stOptions.mapCnames.find(dwSsrc);
-    std::string strCname;
-    if (it != m_stOptions.mapCnames.end())
-        strCname = it->second;
-    else if (m_stOptions.bOneUser)
+    const auto itHeard = m_mapCnames.find(dwSsrc);
+    const std::string strHeard = itHeard == m_mapCnames.end() ? "" : itHeard->second;
+    const auto itTold = m_stOptions.mapCnames.find(dwSsrc);
+    if (strHeard.empty() && itTold != m_stOptions.mapCnames.end())
+        return itTold->second;
+    if (!m_stOptions.bOneUser)
+        return strHeard;
+    std::string strUser = strHeard;
+    if (strUser.empty())
     {
         tagRtpAddr stHost = st.stSrc;
         stHost.wPort = 0;
-        strCname = stHost.Text();
-        strCname.resize(strCname.rfind(':'));
-        // As soon as one of his SSRCs has a name, that is his.
-        for (const tagKnown& stKnown : m_vecKnown)
-            if (SameHost(stKnown.stInfo.stSrc, st.stSrc) && !stKnown.stInfo.strCname.empty())
-                strCname = stKnown.stInfo.strCname;
+        strUser = stHost.Text();
+        strUser.resize(strUser.rfind(':'));
     }
-    if (strCname.empty())
+    for (const tagKnown& stKnown : m_vecKnown)
+    {
+        if (!SameHost(stKnown.stInfo.stSrc, st.stSrc) || stKnown.stInfo.strCname.empty())
+            continue;
+        const auto itOther = m_mapCnames.find(stKnown.stInfo.dwSsrc);
+        if (strHeard.empty() || itOther == m_mapCnames.end() || itOther->second == strHeard)
+            strUser = stKnown.stInfo.strCname;
+    }
+    return strUser;
+}
+
+// The intake must have heard it before the first packet: what it hears later moves no stream.
+void CListen::NameSource(const tagRtpDatagram& st, uint32 dwSsrc)
+{
+    if (m_setNamed.size() > c_nMostUnheard || !m_setNamed.insert(dwSsrc).second)
+        return;
+    const auto itHeard = m_mapCnames.find(dwSsrc);
+    const std::string strCname = UserOf(st, dwSsrc);
+    if (strCname.empty() || (itHeard != m_mapCnames.end() && itHeard->second == strCname))
         return;
     tagRtcpFeedback stName; // a report without blocks, and the name
     stName.dwSsrc = dwSsrc;
@@ -642,7 +677,7 @@ void CListen::Drain()
 
 void CListen::OnEvent(const tagRtpEvent& stEvent)
 {
-    if (stEvent.eType == RTP_EVENT_CNAME && m_mapCnames.size() < 4096)
+    if (stEvent.eType == RTP_EVENT_CNAME && m_mapCnames.size() < c_nMostUnheard)
         m_mapCnames[stEvent.dwSenderSsrc] = stEvent.strCname;
     if (stEvent.eType != RTP_EVENT_SR)
         return;
@@ -664,13 +699,14 @@ void CListen::WantPli(uint32 uStream, uint64& ullCount, uint64 ullNowUs)
     if (stKnown.ullLastPliUs != 0 && ullNowUs - stKnown.ullLastPliUs < c_ullPliEveryUs)
         return;
     tagDoor& door = *m_vecDoors[stKnown.uDoor];
-    if (door.stRtcpTo.cFamily == 0)
+    const tagRtpAddr stTo = RtcpTo(door, stKnown.stInfo.dwSsrc);
+    if (stTo.cFamily == 0)
         return; // asked again with the next packet
     stKnown.ullLastPliUs = ullNowUs;
     ullCount++;
     tagRtcpFeedback stFeedback;
-    stFeedback.vecPlis.push_back(m_intake.Stream(uStream).dwSsrc); // the latest of its SSRCs
-    Send(door, stFeedback);
+    stFeedback.vecPlis.push_back(stKnown.stInfo.dwSsrc);
+    Send(door, stTo, stFeedback);
 }
 
 void CListen::SendRequests()
@@ -691,7 +727,7 @@ void CListen::SendRequests()
     std::vector<tagRtpAsk> vecNacks;
     std::vector<uint32> vecGivenUp;
     m_shaper.Take(ullNowUs, vecNacks, vecGivenUp);
-    std::map<uint32, std::map<uint32, std::vector<uint16>>> mapByDoor;
+    std::map<std::pair<uint32, tagRtpAddr>, std::map<uint32, std::vector<uint16>>> mapByPeer;
     for (const tagRtpAsk& st : vecNacks)
     {
         for (uint32 i = 0; i < m_vecKnown.size(); i++)
@@ -702,22 +738,26 @@ void CListen::SendRequests()
             uint32 dwSsrc = 0;
             uint16 wSeq = 0;
             if (m_intake.RtpSequence(i, st.dwSeq, dwSsrc, wSeq))
-                mapByDoor[m_vecKnown[i].uDoor][dwSsrc].push_back(wSeq);
+            {
+                const uint32 uDoor = m_vecKnown[i].uDoor;
+                const tagRtpAddr stTo = RtcpTo(*m_vecDoors[uDoor], m_vecKnown[i].stInfo.dwSsrc);
+                mapByPeer[{uDoor, stTo}][dwSsrc].push_back(wSeq);
+            }
             break;
         }
         tagAsked& stAsked = m_mapAsked.emplace(st, tagAsked{ullNowUs, 0}).first->second;
         stAsked.dwTimes++;
     }
-    for (const auto& itDoor : mapByDoor)
+    for (const auto& itPeer : mapByPeer)
     {
         tagRtcpFeedback stFeedback;
-        for (const auto& itSsrc : itDoor.second)
+        for (const auto& itSsrc : itPeer.second)
         {
             stFeedback.vecNacks.emplace_back(itSsrc.first, itSsrc.second);
             m_stFeedback.ullNackedSeqs += itSsrc.second.size();
         }
         m_stFeedback.ullNacks++;
-        Send(*m_vecDoors[itDoor.first], stFeedback);
+        Send(*m_vecDoors[itPeer.first.first], itPeer.first.second, stFeedback);
     }
     for (const uint32 dwSsrc : vecGivenUp)
         for (uint32 i = 0; i < m_vecKnown.size(); i++)
@@ -731,26 +771,55 @@ void CListen::SendReports(bool bBye)
     const uint64 ullNowUs = LiveNowUs();
     for (const auto& pDoor : m_vecDoors)
     {
-        tagRtcpFeedback stFeedback;
+        std::map<tagRtpAddr, tagRtcpFeedback> mapByPeer;
         for (auto& itSource : pDoor->mapReports)
+        {
+            tagRtcpFeedback& stFeedback = mapByPeer[RtcpTo(*pDoor, itSource.first)];
             if (itSource.second.IsActive())
                 stFeedback.vecBlocks.push_back(itSource.second.Report(itSource.first, ullNowUs));
-        if (pDoor->mapReports.empty())
-            continue;
-        stFeedback.bReferenceTime = !bBye;
-        stFeedback.ullNtp = UnixUsToNtp(ullNowUs);
-        stFeedback.bBye = bBye;
-        m_stFeedback.ullReports++;
-        Send(*pDoor, stFeedback);
+        }
+        for (auto& itPeer : mapByPeer)
+        {
+            itPeer.second.bReferenceTime = !bBye;
+            itPeer.second.ullNtp = UnixUsToNtp(ullNowUs);
+            itPeer.second.bBye = bBye;
+            m_stFeedback.ullReports++;
+            Send(*pDoor, itPeer.first, itPeer.second);
+        }
     }
     // Packets that never came.
     for (auto it = m_mapAsked.begin(); it != m_mapAsked.end();)
         it = ullNowUs - it->second.ullUs > 10 * c_ullSecondUs ? m_mapAsked.erase(it) : std::next(it);
 }
 
-void CListen::Send(tagDoor& door, const tagRtcpFeedback& stAsked)
+// Family 0 while nobody knows. An SSRC of which no RTCP was heard (RTX often has none) takes its neighbour's.
+tagRtpAddr CListen::RtcpTo(const tagDoor& door, uint32 dwSsrc) const
 {
-    if (door.stRtcpTo.cFamily == 0)
+    const auto itLock = door.mapLocks.find(dwSsrc);
+    if (door.bRtcpToFixed || itLock == door.mapLocks.end())
+        return door.stRtcpTo;
+    const tagRtpAddr& stSrc = itLock->second.stSrc;
+    const auto heard = [&](uint32 dwOf, tagRtpAddr& stTo)
+    {
+        const auto it = door.mapRtcpFrom.find(dwOf);
+        const bool bHeard = it != door.mapRtcpFrom.end() && SameHost(it->second, stSrc);
+        stTo = bHeard ? it->second : tagRtpAddr();
+        return bHeard;
+    };
+    tagRtpAddr stTo;
+    if (heard(dwSsrc, stTo))
+        return stTo;
+    for (const auto& itOther : door.mapLocks)
+        if (itOther.second.stSrc == stSrc && heard(itOther.first, stTo))
+            return stTo;
+    if (m_stOptions.bRtcpMux)
+        return stSrc;
+    return SameHost(door.stRtcpTo, stSrc) ? door.stRtcpTo : tagRtpAddr();
+}
+
+void CListen::Send(tagDoor& door, const tagRtpAddr& stTo, const tagRtcpFeedback& stAsked)
+{
+    if (stTo.cFamily == 0)
     {
         m_stFeedback.ullUnsent++;
         return;
@@ -760,7 +829,7 @@ void CListen::Send(tagDoor& door, const tagRtcpFeedback& stAsked)
     stFeedback.strCname = m_strCname;
     stFeedback.bReducedSize = m_stOptions.bReducedSize;
     for (const std::vector<uint8>& vecDatagram : BuildRtcp(stFeedback))
-        SendUdp(door.RtcpFd(), door.stRtcpTo, vecDatagram.data(), vecDatagram.size());
+        SendUdp(door.RtcpFd(), stTo, vecDatagram.data(), vecDatagram.size());
 }
 
 // The receiver paces its requests by it and never takes back what it adds to its delay: small changes are not told.

@@ -7,6 +7,7 @@
 #include "RtpFeedback.h"
 #include "RtpPacket.h"
 #include "RunSeries.h"
+#include "Udp.h"
 
 #include <gmock/gmock.h>
 #include <httplib.h>
@@ -39,9 +40,14 @@ struct tagScript
     bool bForeign = false;    // somebody else sends under the video's SSRC, too
     bool bPause = false;      // after 3 s nothing is sent for 4 s, and then what would have been sent
     uint32 dwDlrrAfterMs = 0; // answers reference times this much later; 0: never
+    std::string strFrom = "127.0.0.1"; // and to
+    bool bMux = false;                 // RTCP goes and comes where RTP does
+    uint32 dwOther = 0;                // told apart from another sender: added to its SSRCs, and in its CNAME
+    uint32 dwNewSsrcAtMs = 0;          // from then on both streams have other SSRCs; 0: never
+    uint32 dwLateMs = 0;               // before, there is sound alone, and no RTCP
 };
 
-// Audio every 20 ms and a picture of three packets every 40 ms, RTCP on ports of its own.
+// Audio every 20 ms and a picture of three packets every 40 ms.
 class CScriptedSender
 {
 public:
@@ -50,8 +56,8 @@ public:
 
     void Start(uint16 wAudio, uint16 wVideo)
     {
-        m_a[0].Open(wAudio, 0x0A0A0A0A, 97, 48000);
-        m_a[1].Open(wVideo, 0x0B0B0B0B, 96, 90000);
+        m_a[0].Open(m_stScript, wAudio, 0x0A0A0A0A, 97, 48000);
+        m_a[1].Open(m_stScript, wVideo, 0x0B0B0B0B, 96, 90000);
         m_thread = std::thread([this]() { Run(); });
     }
     void Stop()
@@ -64,10 +70,11 @@ public:
     // After Stop
     struct tagMedium
     {
-        int nRtp = -1;
-        int nRtcp = -1;
-        sockaddr_in stTo = {};
-        sockaddr_in stRtcpTo = {};
+        CFd fdRtp;
+        CFd fdRtcpOwn; // not open: with RTP
+        tagRtpAddr stTo;
+        tagRtpAddr stRtcpTo;
+        std::string strCname;
         uint32 dwSsrc = 0;
         uint8 cPt = 0;
         uint32 dwClock = 0;
@@ -77,38 +84,36 @@ public:
         uint64 ullSent = 0;
         uint64 ullAnswered = 0;
         std::vector<uint64> vecPliUs;
-        uint64 ullReports = 0;
+        uint64 ullReports = 0;      // about our SSRC
+        uint64 ullReportsOfNew = 0; // since it is another
+        uint64 ullAskedOfOthers = 0;
+        bool bNewSsrc = false;
         bool bBye = false;
 
-        void Open(uint16 wPort, uint32 dwOwnSsrc, uint8 cOwnPt, uint32 dwOwnClock)
+        const CFd& Rtcp() const { return fdRtcpOwn.IsOpen() ? fdRtcpOwn : fdRtp; }
+        void Open(const tagScript& stScript, uint16 wPort, uint32 dwOwnSsrc, uint8 cOwnPt, uint32 dwOwnClock)
         {
-            uint16_t wAny = 0;
-            nRtp = Udp(wAny);
-            wAny = 0;
-            nRtcp = Udp(wAny);
-            stTo.sin_family = stRtcpTo.sin_family = AF_INET;
-            stTo.sin_addr.s_addr = stRtcpTo.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            stTo.sin_port = htons(wPort);
-            stRtcpTo.sin_port = htons((uint16)(wPort + 1));
-            dwSsrc = dwOwnSsrc;
+            std::string strError;
+            tagRtpAddr stOwn;
+            EXPECT_TRUE(ParseAddress(stScript.strFrom, stOwn, strError)) << strError;
+            stTo = stRtcpTo = stOwn;
+            stTo.wPort = stRtcpTo.wPort = wPort;
+            EXPECT_TRUE(BindUdp(stOwn, fdRtp, strError)) << strError;
+            stOwn.wPort = 0;
+            if (!stScript.bMux)
+            {
+                EXPECT_TRUE(BindUdp(stOwn, fdRtcpOwn, strError)) << strError;
+                stRtcpTo.wPort++;
+            }
+            strCname = "sender@script" + std::to_string(stScript.dwOther);
+            dwSsrc = dwOwnSsrc + stScript.dwOther;
             cPt = cOwnPt;
             dwClock = dwOwnClock;
-        }
-        ~tagMedium()
-        {
-            if (nRtp >= 0)
-                close(nRtp);
-            if (nRtcp >= 0)
-                close(nRtcp);
         }
         static void Put(std::vector<uint8>& vec, uint32 dw, int nBytes)
         {
             for (int i = nBytes - 1; i >= 0; i--)
                 vec.push_back((uint8)(dw >> (8 * i)));
-        }
-        void SendTo(int nFd, const std::vector<uint8>& vec, const sockaddr_in& st) const
-        {
-            (void)!sendto(nFd, vec.data(), vec.size(), 0, reinterpret_cast<const sockaddr*>(&st), sizeof(st));
         }
         void Send(uint32 dwMs, bool bMarker, const std::vector<uint8>& vecPayload)
         {
@@ -117,7 +122,7 @@ public:
             Put(vec, dwMs * (dwClock / 1000), 4);
             Put(vec, dwSsrc, 4);
             vec.insert(vec.end(), vecPayload.begin(), vecPayload.end());
-            SendTo(nRtp, vec, stTo);
+            SendUdp(fdRtp, stTo, vec.data(), vec.size());
             mapSent[wSeq++] = vec;
             ullSent++;
         }
@@ -138,7 +143,7 @@ public:
                 vec[8] = 0xEE;
                 vec.insert(vec.begin() + 12, aSeq, aSeq + 2);
             }
-            SendTo(nRtp, vec, stTo);
+            SendUdp(fdRtp, stTo, vec.data(), vec.size());
         }
         void SenderReport(uint64 ullNowUs, uint32 dwMs)
         {
@@ -150,7 +155,6 @@ public:
             Put(vec, dwMs * (dwClock / 1000), 4);
             Put(vec, (uint32)ullSent, 4);
             Put(vec, 0, 4);
-            const std::string strCname = "sender@script";
             std::vector<uint8> vecName = {0x81, 202, 0, 0};
             Put(vecName, dwSsrc, 4);
             vecName.push_back(1);
@@ -161,7 +165,7 @@ public:
                 vecName.push_back(0);
             vecName[3] = (uint8)(vecName.size() / 4 - 1);
             vec.insert(vec.end(), vecName.begin(), vecName.end());
-            SendTo(nRtcp, vec, stRtcpTo);
+            SendUdp(Rtcp(), stRtcpTo, vec.data(), vec.size());
         }
     } m_a[2];
     uint64 m_ullForeign = 0;
@@ -193,11 +197,17 @@ private:
             const uint32 dwNowMs = (uint32)((NowUs() - ullStartUs) / 1000);
             for (; dwMs <= dwNowMs; dwMs += 20)
             {
-                if (dwMs % 500 == 0)
+                if (dwMs != 0 && dwMs == m_stScript.dwNewSsrcAtMs)
+                    for (tagMedium& st : m_a)
+                    {
+                        st.dwSsrc += 0x100;
+                        st.bNewSsrc = true;
+                    }
+                if (dwMs % 500 == 0 && dwMs >= m_stScript.dwLateMs)
                     for (tagMedium& st : m_a)
                         st.SenderReport(NowUs(), dwMs);
                 m_a[0].Send(dwMs, false, std::vector<uint8>(80, 0x78));
-                if (dwMs % 40 != 0)
+                if (dwMs % 40 != 0 || dwMs < m_stScript.dwLateMs)
                     continue;
                 bKey = bKey || (m_stScript.bKeyAtStart && dwMs % 2000 == 0) || m_bKeyAsked;
                 m_bKeyAsked = false;
@@ -220,24 +230,26 @@ private:
     {
         static const std::vector<uint8> s_vec = {0x80, 96,   0x12, 0x34, 0,    0, 0, 0,
                                                  0x0B, 0x0B, 0x0B, 0x0B, 0x65, 1, 2};
-        if (m_nForeign < 0)
+        if (!m_fdForeign.IsOpen())
         {
-            uint16_t wAny = 0;
-            m_nForeign = Udp(wAny);
+            std::string strError;
+            tagRtpAddr stOwn = m_a[1].stTo;
+            stOwn.wPort = 0;
+            EXPECT_TRUE(BindUdp(stOwn, m_fdForeign, strError)) << strError;
         }
-        m_a[1].SendTo(m_nForeign, s_vec, m_a[1].stTo);
+        SendUdp(m_fdForeign, m_a[1].stTo, s_vec.data(), s_vec.size());
         m_ullForeign++;
     }
 
     void Listen()
     {
-        pollfd aPoll[2] = {{m_a[0].nRtcp, POLLIN, 0}, {m_a[1].nRtcp, POLLIN, 0}};
+        pollfd aPoll[2] = {{m_a[0].Rtcp().Get(), POLLIN, 0}, {m_a[1].Rtcp().Get(), POLLIN, 0}};
         poll(aPoll, 2, 2);
         for (int i = 0; i < 2; i++)
         {
             uint8 aBytes[2048];
             ssize_t nGot = 0;
-            while ((nGot = recv(m_a[i].nRtcp, aBytes, sizeof(aBytes), MSG_DONTWAIT)) > 0)
+            while ((nGot = recv(m_a[i].Rtcp().Get(), aBytes, sizeof(aBytes), MSG_DONTWAIT)) > 0)
                 Heard(i, aBytes, (uint32)nGot);
         }
         while (!m_vecDlrr.empty() && m_vecDlrr.front().ullDueUs <= NowUs())
@@ -252,7 +264,7 @@ private:
             tagMedium::Put(vec, st.dwTo, 4);
             tagMedium::Put(vec, st.dwLrr, 4);
             tagMedium::Put(vec, (uint32)((NowUs() - st.ullGotUs) * 65536 / 1000000), 4);
-            m_a[st.nMedium].SendTo(m_a[st.nMedium].nRtcp, vec, m_a[st.nMedium].stRtcpTo);
+            SendUdp(m_a[st.nMedium].Rtcp(), m_a[st.nMedium].stRtcpTo, vec.data(), vec.size());
         }
     }
 
@@ -264,12 +276,19 @@ private:
         m_rtcp.Read(pBytes, dwLen, vecEvents, stTotals);
         for (const tagRtpEvent& stEvent : vecEvents)
         {
-            if (stEvent.eType == RTP_EVENT_RR)
-                st.ullReports++;
             if (stEvent.eType == RTP_EVENT_BYE)
                 st.bBye = true;
+            const bool bAsks = stEvent.eType == RTP_EVENT_NACK || stEvent.eType == RTP_EVENT_PLI;
             if (stEvent.dwMediaSsrc != st.dwSsrc)
+            {
+                st.ullAskedOfOthers += bAsks ? 1 : 0;
                 continue;
+            }
+            if (stEvent.eType == RTP_EVENT_RR)
+            {
+                st.ullReports++;
+                st.ullReportsOfNew += st.bNewSsrc ? 1 : 0;
+            }
             if (stEvent.eType == RTP_EVENT_NACK && m_stScript.eAnswer != tagScript::Nothing)
                 for (const uint16 wSeq : stEvent.vecRtpSeq)
                     st.Answer(wSeq, m_stScript.eAnswer == tagScript::Rtx);
@@ -298,7 +317,7 @@ private:
     std::atomic<bool> m_bStop{false};
     std::thread m_thread;
     bool m_bKeyAsked = false;
-    int m_nForeign = -1;
+    CFd m_fdForeign;
     std::vector<tagDlrr> m_vecDlrr;
 };
 
@@ -320,21 +339,26 @@ uint16 PortIn(const std::string& strAddress)
     return (uint16)std::stoi(strAddress.substr(strAddress.rfind(':') + 1));
 }
 
-// A call with the scripted sender; fnMeanwhile runs beside it once all is open.
+// A call with the scripted sender, or with two; fnMeanwhile runs beside it once all is open.
 tagListenResult Call(const tagListenOptions& st, CScriptedSender& sender,
-                     const std::function<void(const std::string& strWeb)>& fnMeanwhile = {})
+                     const std::function<void(const std::string& strWeb)>& fnMeanwhile = {},
+                     CScriptedSender* pOther = nullptr)
 {
     std::thread threadMeanwhile;
     tagListenHooks stHooks;
     stHooks.fnReady = [&](const std::vector<tagListenSource>& vec, const std::string& strWeb)
     {
         sender.Start(PortIn(vec[0].strListens), PortIn(vec[1].strListens));
+        if (pOther != nullptr)
+            pOther->Start(PortIn(vec[0].strListens), PortIn(vec[1].strListens));
         if (fnMeanwhile)
             threadMeanwhile = std::thread([&fnMeanwhile, strWeb]() { fnMeanwhile(strWeb); });
     };
     tagListenResult stResult = RunListen(st, stHooks);
     EXPECT_EQ(stResult.strError, "");
     sender.Stop();
+    if (pOther != nullptr)
+        pOther->Stop();
     if (threadMeanwhile.joinable())
         threadMeanwhile.join();
     return stResult;
@@ -464,7 +488,7 @@ TEST(ThreadedListen, WhatIsDroppedIsAskedForAnsweredPlayedInTimeAndForwarded)
     EXPECT_GT(sender.m_ullForeign, 100u);
     for (const auto& stMedium : sender.m_a)
     {
-        EXPECT_GE(stMedium.ullReports, 4u) << "about one a second, of media and RTX";
+        EXPECT_GE(stMedium.ullReports, 6u) << "about one a second";
         EXPECT_TRUE(stMedium.bBye);
         const tagRtpStat& stat = StreamOf(stResult, stMedium.dwSsrc).stStat;
         EXPECT_LE(stat.ullExpected, stMedium.ullSent)
@@ -516,6 +540,96 @@ TEST(ThreadedListen, AStreamWithoutAKeyFrameIsAskedForOneOnceASecondUntilItComes
         EXPECT_GE(vecUs[i] - vecUs[i - 1], 950000u);
     EXPECT_EQ(stResult.stFeedback.ullPlisNoKey, 3u);
     EXPECT_TRUE(sender.m_a[0].vecPliUs.empty());
+}
+
+TEST(ThreadedListen, APictureThatComesWhenTheNameIsKnownBelongsToTheSoundThatCameBefore)
+{
+    tagListenOptions st = Options(3000);
+    tagScript stScript;
+    stScript.dwLateMs = 1000;
+    CScriptedSender sender(stScript);
+    CMachineWatch watch;
+    const tagListenResult stResult = Call(st, sender);
+    SCOPED_TRACE(watch.Said());
+    ASSERT_EQ(stResult.st.vecUsers.size(), 1u);
+    EXPECT_EQ(stResult.st.vecUsers[0].vecStreams.size(), 2u);
+    EXPECT_EQ(StreamOf(stResult, sender.m_a[0].dwSsrc).strCname, "sender@script0");
+    EXPECT_EQ(StreamOf(stResult, sender.m_a[1].dwSsrc).strCname, "sender@script0");
+}
+
+TEST(ThreadedListen, OverIpv6WithRtcpOnThePortsOfRtpASenderThatTakesOtherSsrcsIsAskedAndToldAsBefore)
+{
+    std::string strError;
+    tagRtpAddr stAny;
+    CFd fdAny;
+    ASSERT_TRUE(ParseAddress("::1", stAny, strError)) << strError;
+    if (!BindUdp(stAny, fdAny, strError))
+        GTEST_SKIP() << "no IPv6 here: " << strError;
+    tagListenOptions st = Options(6000);
+    st.strBind = "::1";
+    st.bRtcpMux = true;
+    st.stImpair.dDrop = 0.1;
+    st.stImpair.ullSeed = 5;
+    tagScript stScript;
+    stScript.strFrom = "::1";
+    stScript.bMux = true;
+    stScript.eAnswer = tagScript::Rtx;
+    stScript.dwNewSsrcAtMs = 2000;
+    CScriptedSender sender(stScript);
+    CMachineWatch watch;
+    const tagListenResult stResult = Call(st, sender);
+    SCOPED_TRACE(watch.Said());
+    ASSERT_EQ(stResult.vecSources.size(), 2u);
+    for (const tagListenSource& stSource : stResult.vecSources)
+    {
+        EXPECT_EQ(stSource.strListens.compare(0, 6, "[::1]:"), 0) << stSource.strListens;
+        EXPECT_EQ(stSource.strRtcp, stSource.strListens);
+        EXPECT_EQ(stSource.strRtcpTo, stSource.strLockedTo);
+        EXPECT_EQ(stSource.ullForeign, 0u);
+        EXPECT_EQ(stSource.ullForeignRtcp, 0u);
+    }
+    for (const auto& stMedium : sender.m_a)
+    {
+        EXPECT_GE(stMedium.ullReports, 3u);
+        EXPECT_GE(stMedium.ullReportsOfNew, 2u) << "the SSRC that went on is reported on";
+        EXPECT_GE(stMedium.ullAnswered, 5u);
+        EXPECT_TRUE(stMedium.bBye);
+    }
+    EXPECT_EQ(stResult.st.ullBroken, 0u);
+}
+
+TEST(ThreadedListen, OfManySourcesOnOnePortEachIsAskedForItsOwnAndNobodySpeaksForAnother)
+{
+    tagListenOptions st = Options(6000);
+    st.bAnySource = true;
+    st.bOneUser = false;
+    st.stImpair.dDrop = 0.1;
+    st.stImpair.ullSeed = 7;
+    tagScript stScript;
+    stScript.eAnswer = tagScript::Rtx;
+    stScript.bForeign = true;
+    CScriptedSender first(stScript);
+    stScript.dwOther = 1;
+    stScript.bForeign = false;
+    CScriptedSender second(stScript);
+    CMachineWatch watch;
+    const tagListenResult stResult = Call(st, first, {}, &second);
+    SCOPED_TRACE(watch.Said());
+    for (CScriptedSender* pSender : {&first, &second})
+        for (const auto& stMedium : pSender->m_a)
+        {
+            EXPECT_EQ(stMedium.ullAskedOfOthers, 0u);
+            EXPECT_GE(stMedium.ullAnswered, 5u);
+            EXPECT_GE(stMedium.ullReports, 3u);
+            EXPECT_TRUE(stMedium.bBye);
+            EXPECT_LE(StreamOf(stResult, stMedium.dwSsrc).stStat.ullExpected, stMedium.ullSent);
+            EXPECT_GE(StreamOf(stResult, stMedium.dwSsrc).stStat.ullExpected + 50, stMedium.ullSent);
+        }
+    EXPECT_EQ(stResult.st.vecUsers.size(), 2u);
+    EXPECT_EQ(stResult.vecSources[0].ullForeign, 0u);
+    EXPECT_GT(stResult.vecSources[1].ullForeign, 100u);
+    EXPECT_LE(stResult.vecSources[1].ullForeign, first.m_ullForeign);
+    EXPECT_EQ(stResult.st.ullBroken, 0u);
 }
 
 TEST(ThreadedListen, AStallIsCountedAndWhatLedToItIsWrittenDownAndPlaysBack)

@@ -188,6 +188,16 @@ TEST(RtpFeedback, ABlockOfASenderThatJumpedBeginsAnew)
     EXPECT_EQ(st.dwHighSeq, 20100u);
 }
 
+TEST(RtpFeedback, WhoADatagramIsFromIsItsFirstPartsSsrcWhereItIsLongEnough)
+{
+    const uint8 aBytes[] = {0x80, 201, 0, 1, 0x12, 0x34, 0x56, 0x78};
+    uint32 dwSsrc = 0;
+    for (uint32 dwLen = 0; dwLen < sizeof(aBytes); dwLen++)
+        EXPECT_FALSE(RtcpSender(aBytes, dwLen, dwSsrc)) << dwLen;
+    ASSERT_TRUE(RtcpSender(aBytes, sizeof(aBytes), dwSsrc));
+    EXPECT_EQ(dwSsrc, 0x12345678u);
+}
+
 TEST(RtpFeedback, TheRoundTripIsReadFromTheBlockAboutUs)
 {
     // XR of SSRC 9 with a receiver reference time and a DLRR of two sub-blocks.
