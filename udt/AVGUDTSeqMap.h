@@ -19,7 +19,8 @@
  * What a stream remembers per sequence comes nearly in order and goes in order: entries are appended at the end
  * and fall out at the front. So they lie sorted in one array with room at both ends; such an append or removal
  * moves nothing, costs no allocation once the array has grown to the stream's habits, and an entry is two words.
- * One in the middle moves the shorter side.
+ * One in the middle moves the shorter side. What a burst has made large is given back when the stream has shown for a
+ * thousand entries that it does not need it.
  *
  * It reads like a std::map; entries are pairs. Unlike there, any insertion and any erasure
  * invalidates iterators and references, so erase by the iterator that the last erase returned. Memory is given
@@ -42,7 +43,11 @@ public:
     typedef value_type& reference;
     typedef const value_type& const_reference;
 
-    CUdtSeqMap() : m_pArray(nullptr), m_pLimit(nullptr), m_pBegin(nullptr), m_pEnd(nullptr) {}
+    CUdtSeqMap()
+        : m_pArray(nullptr), m_pArrayEnd(nullptr), m_pLimit(nullptr), m_pBegin(nullptr), m_pEnd(nullptr),
+          m_nMost(0), m_dwLooks(0)
+    {
+    }
     CUdtSeqMap(std::initializer_list<value_type> lstEntries) : CUdtSeqMap()
     {
         for (const value_type& stEntry : lstEntries)
@@ -55,8 +60,11 @@ public:
     }
     CUdtSeqMap(const CUdtSeqMap& other) : CUdtSeqMap()
     {
-        if (!other.empty())
-            MoveTo(other.size(), other.begin(), other.size());
+        if (other.empty())
+            return;
+        m_pArray = m_pBegin = Allocate(other.size());
+        m_pArrayEnd = m_pLimit = m_pEnd = m_pArray + other.size();
+        Move(m_pArray, other.m_pBegin, other.m_pEnd - other.m_pBegin);
     }
     CUdtSeqMap(CUdtSeqMap&& other) noexcept : CUdtSeqMap() { swap(other); }
     CUdtSeqMap& operator=(CUdtSeqMap other) noexcept
@@ -69,9 +77,12 @@ public:
     void swap(CUdtSeqMap& other) noexcept
     {
         std::swap(m_pArray, other.m_pArray);
+        std::swap(m_pArrayEnd, other.m_pArrayEnd);
         std::swap(m_pLimit, other.m_pLimit);
         std::swap(m_pBegin, other.m_pBegin);
         std::swap(m_pEnd, other.m_pEnd);
+        std::swap(m_nMost, other.m_nMost);
+        std::swap(m_dwLooks, other.m_dwLooks);
     }
 
     // ---- Looking -------------------------------------------------------------------------------------------
@@ -88,6 +99,8 @@ public:
     const_reverse_iterator rend() const { return const_reverse_iterator(begin()); }
     size_t size() const { return (size_t)(m_pEnd - m_pBegin); }
     bool empty() const { return m_pEnd == m_pBegin; }
+    /// Entries that the array has places for.
+    size_t capacity() const { return (size_t)(m_pArrayEnd - m_pArray); }
 
     iterator lower_bound(uint32 dwSeq) { return LowerBound(dwSeq); }
     const_iterator lower_bound(uint32 dwSeq) const { return LowerBound(dwSeq); }
@@ -194,6 +207,10 @@ public:
     void clear() { m_pBegin = m_pEnd = m_pArray; }
 
 private:
+    static constexpr ptrdiff_t c_nLookEvery = 32;   // entries that are appended
+    static constexpr uint32 c_dwLooksToShrink = 32; // a thousand entries: longer than what a stream gulps
+    static constexpr size_t c_nLeastToShrink = 64;  // entries; less is not worth it
+
     static void Move(value_type* pTo, const value_type* pFrom, ptrdiff_t nEntries)
     {
         if (nEntries != 0)
@@ -253,35 +270,75 @@ private:
         return pAt;
     }
 
-    // The end of the array is reached: slides the entries to its front if a quarter of it is free there, else grows.
+    // The limit is reached, which is the array's end or the next time to look at what is in use: looks, and goes on to the
+    // next limit. At the array's end slides the entries to its front if a quarter of it is free there, else grows.
     void MakeRoom()
     {
-        const size_t nEntries = size();
-        if (m_pBegin != m_pArray && m_pBegin - m_pArray >= (m_pLimit - m_pArray) / 4)
+        m_nMost = std::max(m_nMost, size());
+        if (++m_dwLooks >= c_dwLooksToShrink)
+            Shrink();
+        if (m_pEnd == m_pArrayEnd)
         {
-            Move(m_pArray, m_pBegin, (ptrdiff_t)nEntries);
-            m_pBegin = m_pArray;
-            m_pEnd = m_pArray + nEntries;
-            return;
+            if (m_pBegin != m_pArray && m_pBegin - m_pArray >= (m_pArrayEnd - m_pArray) / 4)
+                Slide();
+            else
+                MoveTo(std::max<size_t>(8, 2 * size()));
         }
-        MoveTo(std::max<size_t>(8, 2 * nEntries), m_pBegin, nEntries);
+        m_pLimit = m_pEnd + std::min(c_nLookEvery, m_pArrayEnd - m_pEnd);
     }
 
-    // Takes a new array with a copy of some entries.
-    void MoveTo(size_t nCapacity, const value_type* pEntries, size_t nEntries)
+    void Slide()
     {
-        value_type* const pArray = static_cast<value_type*>(operator new(sizeof(value_type) * nCapacity));
-        Move(pArray, pEntries, (ptrdiff_t)nEntries);
+        const size_t nEntries = size();
+        Move(m_pArray, m_pBegin, (ptrdiff_t)nEntries);
+        m_pBegin = m_pArray;
+        m_pEnd = m_pArray + nEntries;
+    }
+
+    // An array of more than twice what was needed all the while is given back in part. How many entries there were at once
+    // is seen at looks, so there may have been a few more.
+    void Shrink()
+    {
+        const size_t nEnough = 2 * m_nMost + (size_t)c_nLookEvery;
+        const size_t nNew = nEnough - m_nMost / 4;
+        m_nMost = 0;
+        m_dwLooks = 0;
+        if (capacity() <= nEnough || capacity() <= c_nLeastToShrink)
+            return;
+        try
+        {
+            MoveTo(nNew);
+        }
+        catch (const std::bad_alloc&)
+        {
+            // It goes on with what it has.
+        }
+    }
+
+    static value_type* Allocate(size_t nCapacity)
+    {
+        return static_cast<value_type*>(operator new(sizeof(value_type) * nCapacity));
+    }
+
+    // The entries move to a new array.
+    void MoveTo(size_t nCapacity)
+    {
+        value_type* const pArray = Allocate(nCapacity);
+        const size_t nEntries = size();
+        Move(pArray, m_pBegin, (ptrdiff_t)nEntries);
         operator delete(m_pArray);
         m_pArray = m_pBegin = pArray;
-        m_pLimit = pArray + nCapacity;
-        m_pEnd = pArray + nEntries;
+        m_pArrayEnd = pArray + nCapacity;
+        m_pLimit = m_pEnd = pArray + nEntries;
     }
 
-    value_type* m_pArray; // the entries are [m_pBegin, m_pEnd) of [m_pArray, m_pLimit)
-    value_type* m_pLimit;
+    value_type* m_pArray; // the entries are [m_pBegin, m_pEnd) of [m_pArray, m_pArrayEnd)
+    value_type* m_pArrayEnd;
+    value_type* m_pLimit; // who appends here has to make room; not behind the array's end
     value_type* m_pBegin;
     value_type* m_pEnd;
+    size_t m_nMost;   // entries, of all looks since it was judged whether to shrink
+    uint32 m_dwLooks; // since then
 };
 
 template <class T>

@@ -189,6 +189,74 @@ TEST(SeqMap, AQueueThatKeepsItsLengthTakesNoMemory)
     EXPECT_LE(pHigh - pLow, 2 * 5000 + 8);
 }
 
+// A queue: the newest entry comes, the oldest leave until so many are left.
+void Queue(SeqMap& map, uint32& dwSeq, size_t nLeave)
+{
+    map.push_back(dwSeq, dwSeq);
+    ++dwSeq;
+    while (map.size() > nLeave)
+        map.pop_front();
+}
+
+TEST(SeqMap, WhatABurstTookIsGivenBack)
+{
+    SeqMap map;
+    uint32 dwSeq = 0;
+    for (int n = 0; n < 5000; ++n)
+        Queue(map, dwSeq, 100);
+    const size_t nBefore = map.capacity();
+    EXPECT_LE(nBefore, 330u);
+    for (int n = 0; n < 3000; ++n)
+        Queue(map, dwSeq, 2000);
+    EXPECT_GE(map.capacity(), 2000u);
+    for (int n = 0; n < 20000; ++n)
+        Queue(map, dwSeq, 100);
+    EXPECT_LE(map.capacity(), 330u);
+    ASSERT_EQ(map.size(), 100u);
+    for (const SeqMap::value_type& st : map)
+        ASSERT_EQ(st.first, st.second);
+
+    // The same where all come before one that stays: such entries are put in, not appended.
+    SeqMap tail = {{0xFFFFFFFF, 1}};
+    for (dwSeq = 0; dwSeq < 30000; ++dwSeq)
+    {
+        tail.emplace(dwSeq, dwSeq);
+        while (tail.size() > (dwSeq < 3000 ? 2000u : 100u))
+            tail.pop_front();
+    }
+    EXPECT_LE(tail.capacity(), 330u);
+    EXPECT_EQ(tail.size(), 100u);
+    EXPECT_EQ(tail.begin()->first, 29901u);
+    EXPECT_EQ(tail.rbegin()->first, 0xFFFFFFFFu);
+}
+
+TEST(SeqMap, AQueueThatBreathesKeepsItsArray)
+{
+    for (const uint32 dwGulp : {2u, 10u, 60u, 100u, 500u, 1000u})
+    {
+        SeqMap gulps; // all leave together
+        SeqMap waves; // half of them
+        for (uint32 dwSeq = 0, dwBefore = 0; dwSeq < 50000; ++dwSeq)
+        {
+            gulps.push_back(dwSeq, 1);
+            waves.push_back(dwSeq, 1);
+            const size_t nLeave = dwSeq % dwGulp == dwGulp - 1 ? 0 : dwGulp;
+            while (gulps.size() > nLeave)
+                gulps.pop_front();
+            while (waves.size() > std::max<size_t>(nLeave, dwGulp / 2))
+                waves.pop_front();
+            const uint32 dwNow = (uint32)(gulps.capacity() + waves.capacity());
+            if (dwSeq > 5000)
+            {
+                ASSERT_EQ(dwNow, dwBefore) << dwGulp << " at " << dwSeq;
+            }
+            dwBefore = dwNow;
+        }
+        EXPECT_LE(gulps.capacity(), std::max(64u, 5 * (dwGulp + 32) / 2));
+        EXPECT_LE(waves.capacity(), std::max(64u, 5 * (dwGulp + 32) / 2));
+    }
+}
+
 // ---- CUdtPktMap ------------------------------------------------------------------------------------------------
 
 typedef std::map<uint32, std::shared_ptr<uint32>> PlainPackets;
