@@ -613,7 +613,19 @@ TEST(ThreadedListen, OfManySourcesOnOnePortEachIsAskedForItsOwnAndNobodySpeaksFo
     stScript.bForeign = false;
     CScriptedSender second(stScript);
     CMachineWatch watch;
-    const tagListenResult stResult = Call(st, first, {}, &second);
+    // From another host, in the name of the first one's sound.
+    const auto speak = [&first](const std::string&)
+    {
+        std::string strError;
+        tagRtpAddr stOther;
+        CFd fd;
+        EXPECT_TRUE(ParseAddress("127.0.0.2", stOther, strError) && BindUdp(stOther, fd, strError))
+            << strError;
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        const uint8 aReport[] = {0x80, 201, 0, 1, 0x0A, 0x0A, 0x0A, 0x0A};
+        SendUdp(fd, first.m_a[0].stRtcpTo, aReport, sizeof(aReport));
+    };
+    const tagListenResult stResult = Call(st, first, speak, &second);
     SCOPED_TRACE(watch.Said());
     for (CScriptedSender* pSender : {&first, &second})
         for (const auto& stMedium : pSender->m_a)
@@ -626,6 +638,7 @@ TEST(ThreadedListen, OfManySourcesOnOnePortEachIsAskedForItsOwnAndNobodySpeaksFo
             EXPECT_GE(StreamOf(stResult, stMedium.dwSsrc).stStat.ullExpected + 50, stMedium.ullSent);
         }
     EXPECT_EQ(stResult.st.vecUsers.size(), 2u);
+    EXPECT_EQ(stResult.vecSources[0].ullForeignRtcp, 1u);
     EXPECT_EQ(stResult.vecSources[0].ullForeign, 0u);
     EXPECT_GT(stResult.vecSources[1].ullForeign, 100u);
     EXPECT_LE(stResult.vecSources[1].ullForeign, first.m_ullForeign);
