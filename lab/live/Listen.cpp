@@ -117,6 +117,8 @@ public:
 private:
     // What came in
     void Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort);
+    void ReceiveRtcp();
+    bool IsKnown(const tagRtpDatagram& st) const;
     bool IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp);
     bool IsRtcpWelcome(tagDoor& door, const tagRtpDatagram& st);
     void Deliver(const tagRtpDatagram& st, uint32 uDoor);
@@ -204,6 +206,7 @@ private:
     uint64 m_ullStallsSeen = 0;
     uint64 m_ullStallFlightUs = 0;
     std::vector<uint8> m_vecBuffer;
+    std::vector<uint8> m_vecRtcpBuffer; // RTCP is read while a packet of RTP waits in the other
 };
 
 tagRtpOptions LiveRtp(const tagListenOptions& stOptions)
@@ -215,7 +218,8 @@ tagRtpOptions LiveRtp(const tagListenOptions& stOptions)
 
 CListen::CListen(const tagListenOptions& stOptions, const tagListenHooks& stHooks)
     : m_stOptions(stOptions), m_stHooks(stHooks), m_intake(LiveRtp(stOptions)), m_impair(stOptions.stImpair),
-      m_shaper(stOptions.stShaper), m_random(std::random_device()()), m_vecBuffer(65536)
+      m_shaper(stOptions.stShaper), m_random(std::random_device()()), m_vecBuffer(65536),
+      m_vecRtcpBuffer(65536)
 {
     m_dwSsrc = (uint32)m_random();
     m_strCname = fmt::format("udtlab-{:08x}{:08x}", (uint32)m_random(), (uint32)m_random());
@@ -342,10 +346,7 @@ void CListen::Run()
     {
         if (poll(vecPoll.data(), vecPoll.size(), PollTimeout(LiveNowUs())) < 0 && errno != EINTR)
             break;
-        // RTCP of all ports first: what it says of a stream should be known when the stream begins.
-        for (size_t i = 0; i < m_vecDoors.size(); i++)
-            if (vecPoll[2 * i + 1].revents != 0)
-                Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtcp, (uint32)i, true);
+        ReceiveRtcp();
         for (size_t i = 0; i < m_vecDoors.size(); i++)
             if (vecPoll[2 * i].revents != 0)
                 Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtp, (uint32)i, false);
@@ -439,9 +440,10 @@ void CListen::Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort
 {
     for (int i = 0; i < c_nDatagramsAtOnce; i++)
     {
+        std::vector<uint8>& vecBuffer = bRtcpPort ? m_vecRtcpBuffer : m_vecBuffer;
         sockaddr_storage stFrom = {};
         socklen_t nFrom = sizeof(stFrom);
-        const ssize_t nGot = recvfrom(fd.Get(), m_vecBuffer.data(), m_vecBuffer.size(), 0,
+        const ssize_t nGot = recvfrom(fd.Get(), vecBuffer.data(), vecBuffer.size(), 0,
                                       reinterpret_cast<sockaddr*>(&stFrom), &nFrom);
         if (nGot < 0)
             return;
@@ -449,8 +451,10 @@ void CListen::Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort
         st.ullArrivalUs = LiveNowUs();
         st.stSrc = FromSockaddr(stFrom);
         st.stDst = bRtcpPort ? door.stRtcp : door.stRtp;
-        st.pData = m_vecBuffer.data();
+        st.pData = vecBuffer.data();
         st.dwCaptured = st.dwWire = (uint32)nGot;
+        if (!bRtcpPort && !IsKnown(st))
+            ReceiveRtcp();
         if (!IsWelcome(door, st, bRtcpPort || IsRtcp(st.pData, st.dwCaptured)))
             continue;
         door.st.ullDatagrams++;
@@ -463,6 +467,25 @@ void CListen::Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort
         if (!m_impair.Put(st, uDoor, stDropped))
             m_pCall->Dropped(stDropped);
     }
+}
+
+// RTCP of all ports is read before a stream begins, also what came since the loop woke up: whose the stream is, nobody
+// takes in later.
+void CListen::ReceiveRtcp()
+{
+    for (size_t i = 0; i < m_vecDoors.size(); i++)
+        if (m_vecDoors[i]->fdRtcp.IsOpen())
+            Receive(*m_vecDoors[i], m_vecDoors[i]->fdRtcp, (uint32)i, true);
+}
+
+// A packet of a stream that began.
+bool CListen::IsKnown(const tagRtpDatagram& st) const
+{
+    tagRtpHeader stHeader;
+    emRtpDrop eReason = RTP_DROP_NOT_RTP;
+    return ParseRtp(st.pData, st.dwCaptured, st.dwWire, stHeader, eReason) &&
+           std::any_of(m_vecKnown.begin(), m_vecKnown.end(),
+                       [&](const tagKnown& stKnown) { return stKnown.stInfo.dwSsrc == stHeader.dwSsrc; });
 }
 
 // A port is held to the source of its stream: whoever else sends there is counted and not listened to. RTCP may come
@@ -497,11 +520,7 @@ bool CListen::IsWelcome(tagDoor& door, const tagRtpDatagram& st, bool bRtcp)
         if (!m_stOptions.bAnySource && !door.bRtcpToFixed)
             door.stRtcpTo = tagRtpAddr();
         // Its streams are still the intake's, so the one who goes on with them is taken for the sender from here.
-        tagRtpHeader stHeader;
-        emRtpDrop eReason = RTP_DROP_NOT_RTP;
-        if (ParseRtp(st.pData, st.dwCaptured, st.dwWire, stHeader, eReason) &&
-            std::any_of(m_vecKnown.begin(), m_vecKnown.end(),
-                        [&](const tagKnown& stKnown) { return stKnown.stInfo.dwSsrc == stHeader.dwSsrc; }))
+        if (IsKnown(st))
             *pLock = {st.stSrc, st.ullArrivalUs};
         return true;
     }
