@@ -20,9 +20,9 @@ using testing::HasSubstr;
 namespace
 {
 
-typedef std::vector<std::pair<const char*, const char*>> Options;
+typedef std::vector<std::pair<const char*, const char*>> Settings;
 
-tagScenario Scenario(const Options& vecOptions, nlohmann::ordered_json j = DefaultScenario(),
+tagScenario Scenario(const Settings& vecOptions, nlohmann::ordered_json j = DefaultScenario(),
                      const std::string& strFolder = "")
 {
     std::string strError;
@@ -78,7 +78,7 @@ TEST(Simulate, ACleanCallLosesAndAsksForNothing)
 
 TEST(Simulate, TheSameSeedMakesTheSameReportToTheByteAndAnotherDoesNot)
 {
-    const Options vec = {
+    const Settings vec = {
         {"seconds", "15"},        {"down.loss_percent", "5"},    {"down.burst", "2"},
         {"down.jitter_ms", "20"}, {"down.reorder_percent", "2"}, {"down.duplicate_percent", "2"},
         {"up.loss_percent", "1"}, {"down.rate_kbps", "6000"}};
@@ -123,12 +123,12 @@ TEST(Simulate, WithoutRequestsOrAnswersNothingComesBack)
 
 TEST(Simulate, WhatIsLostBeforeTheRelayIsFetchedFromTheSender)
 {
-    const Options vec = {{"seconds", "30"}, {"up.loss_percent", "5"}, {"count_from_s", "8"}};
+    const Settings vec = {{"seconds", "30"}, {"up.loss_percent", "5"}, {"count_from_s", "8"}};
     const tagSimResult st = RunSimulation(Scenario(vec));
     EXPECT_EQ(st.stSum.ullLostUp, st.stSum.ullLost);
     EXPECT_GT(st.stTraffic.ullPassedOn, 300u);
     EXPECT_GE((double)st.stSum.ullInTime, 0.99 * (double)st.stSum.ullLost);
-    Options vecNot = vec;
+    Settings vecNot = vec;
     vecNot.emplace_back("relay.pass_on", "false");
     EXPECT_EQ(RunSimulation(Scenario(vecNot)).stSum.ullInTime, 0u);
 }

@@ -8,13 +8,13 @@
 
 namespace
 {
-struct tagCounted : st_obj
+struct tagSelfCounted : st_obj
 {
-    explicit tagCounted(int& nGoneRef) : nGone(nGoneRef) {}
-    tagCounted(const tagCounted&) = default;
-    ~tagCounted() override { ++nGone; }
+    explicit tagSelfCounted(int& nGoneRef) : nGone(nGoneRef) {}
+    tagSelfCounted(const tagSelfCounted&) = default;
+    ~tagSelfCounted() override { ++nGone; }
     int& nGone;
-    CScopePtr<tagCounted> pNext;
+    CScopePtr<tagSelfCounted> pNext;
 };
 
 // Anything with the two operations will do; no base, no virtual.
@@ -35,7 +35,7 @@ static_assert(std::is_nothrow_move_constructible<CScopePtr<st_obj>>::value, "con
 TEST(RefCount, AFreshObjectHoldsNoReferenceAndTheLastReleaseDeletesIt)
 {
     int nGone = 0;
-    tagCounted* pObj = new tagCounted(nGone);
+    tagSelfCounted* pObj = new tagSelfCounted(nGone);
     EXPECT_EQ(pObj->iRefs, 0);
     EXPECT_EQ(pObj->AddRef(), 1);
     EXPECT_EQ(pObj->AddRef(), 2);
@@ -48,8 +48,8 @@ TEST(RefCount, AFreshObjectHoldsNoReferenceAndTheLastReleaseDeletesIt)
 TEST(RefCount, ACopiedObjectStartsWithoutReferencesAndKeepsItsOwnWhenAssigned)
 {
     int nGone = 0;
-    CScopePtr<tagCounted> pOne(new tagCounted(nGone));
-    CScopePtr<tagCounted> pTwo(new tagCounted(*pOne));
+    CScopePtr<tagSelfCounted> pOne(new tagSelfCounted(nGone));
+    CScopePtr<tagSelfCounted> pTwo(new tagSelfCounted(*pOne));
     EXPECT_EQ(pTwo->iRefs, 1);
     static_cast<st_obj&>(*pTwo) = *pOne;
     EXPECT_EQ(pTwo->iRefs, 1);
@@ -60,17 +60,17 @@ TEST(ScopePtr, OwnsFromTheFirstPointerToTheLast)
 {
     int nGone = 0;
     {
-        CScopePtr<tagCounted> pOne(new tagCounted(nGone));
+        CScopePtr<tagSelfCounted> pOne(new tagSelfCounted(nGone));
         EXPECT_EQ(pOne.p->iRefs, 1);
-        CScopePtr<tagCounted> pTwo(pOne);
+        CScopePtr<tagSelfCounted> pTwo(pOne);
         EXPECT_EQ(pOne->iRefs, 2);
-        CScopePtr<tagCounted> pThree;
+        CScopePtr<tagSelfCounted> pThree;
         EXPECT_EQ(pThree.p, nullptr);
         pThree = pTwo;
         EXPECT_EQ((*pOne).iRefs, 3);
         pTwo = nullptr;
         EXPECT_EQ(pOne->iRefs, 2);
-        pThree = (tagCounted*)nullptr;
+        pThree = (tagSelfCounted*)nullptr;
         EXPECT_EQ(pOne->iRefs, 1);
         EXPECT_EQ(nGone, 0);
         EXPECT_TRUE(pOne);
@@ -83,8 +83,8 @@ TEST(ScopePtr, OwnsFromTheFirstPointerToTheLast)
 TEST(ScopePtr, AssigningWhatItHoldsKeepsIt)
 {
     int nGone = 0;
-    CScopePtr<tagCounted> pOne(new tagCounted(nGone));
-    CScopePtr<tagCounted>& pSame = pOne;
+    CScopePtr<tagSelfCounted> pOne(new tagSelfCounted(nGone));
+    CScopePtr<tagSelfCounted>& pSame = pOne;
     pOne = pSame;
     EXPECT_EQ(pOne->iRefs, 1);
     pOne = pOne.p;
@@ -99,12 +99,12 @@ TEST(ScopePtr, WalkingAlongAChainSurvivesTheReleaseOfTheHead)
 {
     // pHead is all that keeps the first, and the first all that keeps the second.
     int nGone = 0;
-    CScopePtr<tagCounted> pHead(new tagCounted(nGone));
-    pHead->pNext = new tagCounted(nGone);
+    CScopePtr<tagSelfCounted> pHead(new tagSelfCounted(nGone));
+    pHead->pNext = new tagSelfCounted(nGone);
     pHead = pHead->pNext;
     EXPECT_EQ(nGone, 1);
     EXPECT_EQ(pHead->iRefs, 1);
-    pHead->pNext = new tagCounted(nGone);
+    pHead->pNext = new tagSelfCounted(nGone);
     pHead = std::move(pHead->pNext);
     EXPECT_EQ(nGone, 2);
     EXPECT_EQ(pHead->iRefs, 1);
@@ -131,7 +131,7 @@ TEST(ScopePtr, APointerToADerivedObjectFillsAPointerToItsBase)
 {
     int nGone = 0;
     {
-        CScopePtr<tagCounted> pDerived(new tagCounted(nGone));
+        CScopePtr<tagSelfCounted> pDerived(new tagSelfCounted(nGone));
         CScopePtr<st_obj> pBase(pDerived);
         EXPECT_EQ(pDerived->iRefs, 2);
         pBase = pDerived;
@@ -145,7 +145,7 @@ TEST(ScopePtr, APointerToADerivedObjectFillsAPointerToItsBase)
 TEST(RefCount, ThreadsThatShareAnObjectDeleteItOnce)
 {
     int nGone = 0;
-    CScopePtr<tagCounted> pShared(new tagCounted(nGone));
+    CScopePtr<tagSelfCounted> pShared(new tagSelfCounted(nGone));
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back(
@@ -153,8 +153,8 @@ TEST(RefCount, ThreadsThatShareAnObjectDeleteItOnce)
             {
                 for (int k = 0; k < 10000; ++k)
                 {
-                    CScopePtr<tagCounted> pCopy(pMine);
-                    CScopePtr<tagCounted> pOther;
+                    CScopePtr<tagSelfCounted> pCopy(pMine);
+                    CScopePtr<tagSelfCounted> pOther;
                     pOther = pCopy;
                 }
                 pMine = nullptr;

@@ -1,17 +1,37 @@
 #ifndef RECVTEST_H
 #define RECVTEST_H
 
-/** What the receiver's tests share: log lines as values, and the order of members. */
+/** What the receiver's tests share: log lines as values, the order of members, settings from outside. */
 
 #include "RecvRig.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <initializer_list>
 #include <ostream>
 #include <string>
 #include <vector>
+
+constexpr uint64 c_ullUin = 7;          ///< whoever it is
+constexpr uint32 c_dwNone = 0xFFFFFFFF; ///< a tick, sequence or rate that is not there yet
+constexpr uint32 c_dwClock = 50000;     ///< where a user's clock is put
+constexpr uint8 I = def_FrameType_I;
+constexpr uint8 P = def_FrameType_P;
+
+/// A picture of one packet that can be shown without any other.
+inline tagRigPacket KeyFrame(uint64 ullUin, uint32 dwSendSeq, uint32 dwMediaMs = 5000)
+{
+    return VideoPacket(ullUin, dwSendSeq, dwMediaMs, def_FrameType_I, 0, 0);
+}
+
+/// A number that whoever runs the test may set in the environment.
+inline uint64 FromEnv(const char* pszName, uint64 ullElse)
+{
+    const char* pszValue = getenv(pszName);
+    return pszValue != nullptr && *pszValue != 0 ? strtoull(pszValue, nullptr, 0) : ullElse;
+}
 
 /// A log line as a value. A type of its own, so that every test program prints it alike.
 struct tagLine

@@ -1,9 +1,6 @@
 // How many sequences are missing before each buffered audio packet, and what step the stream keeps.
 
-#include "RecvRig.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "RecvTest.h"
 
 #include <cstdio>
 
@@ -13,8 +10,6 @@ using testing::StartsWith;
 
 namespace
 {
-
-constexpr uint64 c_ullUin = 7;
 
 // A stream's buffer, put together packet by packet, and its marks.
 class AudioLoss : public testing::Test

@@ -13,9 +13,6 @@ using ::testing::SizeIs;
 namespace
 {
 
-constexpr uint32 c_dwNone = 0xFFFFFFFF;
-constexpr uint32 c_dwClock = 50000;
-
 // A playing room with user 7, whose clock stands at 50000 and whose audio may leave.
 struct CAudioOut
 {

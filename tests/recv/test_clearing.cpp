@@ -32,7 +32,7 @@ std::vector<std::pair<uint64, int>> Pending(CRecvRig& rig)
     return vecPending;
 }
 
-typedef std::pair<uint64, int> Key;
+typedef std::pair<uint64, int> Chn;
 
 } // namespace
 
@@ -64,7 +64,7 @@ TEST(ClearRequest, OfAccountZeroQueuesNobody)
     EXPECT_THAT(rig.m_listClearUin(), IsEmpty());
     EXPECT_EQ(rig.m_dwClearRequest(), 2u);
     rig.Deliver();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(0, 2), Key(7, 2)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(0, 2), Chn(7, 2)));
     EXPECT_EQ(rig.m_dwClearRequest(), 0u);
 }
 
@@ -103,7 +103,7 @@ TEST(ClearRequest, OutlivesAStopAndIsCarriedOutByTheNextRun)
     rig.Start();
     rig.FeedAll({Packet(7, 2), Packet(7, 1)});
     rig.Turn();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 1)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 1)));
 }
 
 // ---- Everything but audio ----------------------------------------------------------------------------------------------------
@@ -123,8 +123,8 @@ TEST(ClearAll, RemovesEveryStreamAndPendingPacketButAudio)
     rig.Stream(7, MEAVAudio)->mapRecvSeq[1] = 1000;
     rig.m_recv.ClearRecvChn(8, 0xFF);
     rig.ClearChnParam();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 1), Key(8, 1)));
-    EXPECT_THAT(Pending(rig), ElementsAre(Key(9, 1)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 1), Chn(8, 1)));
+    EXPECT_THAT(Pending(rig), ElementsAre(Chn(9, 1)));
     EXPECT_EQ(rig.Stream(7, MEAVAudio)->dwOutSendSeq, 55u);
     EXPECT_THAT(rig.Stream(7, MEAVAudio)->mapRecvSeq, SizeIs(1));
     EXPECT_THAT(rig.Stream(7, MEAVAudio)->mapUdtPacket, SizeIs(1));
@@ -145,7 +145,7 @@ TEST(ClearAll, IsTheValue255AndNoOther)
     rig.Put(Packet(8, 255));
     rig.m_recv.ClearRecvChn(7, 0x1FF);
     rig.Deliver();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 2), Key(8, 255)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 2), Chn(8, 255)));
 }
 
 TEST(ClearAll, KeepsUsersUnwrapStatesAndTheCountOfUsers)
@@ -187,8 +187,8 @@ TEST(ClearOne, BigVideoLosesItsStreamAndItsPendingPackets)
     }
     rig.m_recv.ClearRecvChn(7, 2);
     rig.ClearChnParam();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 1), Key(7, 3), Key(8, 1), Key(8, 2), Key(8, 3)));
-    EXPECT_THAT(Pending(rig), ElementsAre(Key(7, 1), Key(8, 1), Key(8, 2), Key(7, 3), Key(8, 3)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 1), Chn(7, 3), Chn(8, 1), Chn(8, 2), Chn(8, 3)));
+    EXPECT_THAT(Pending(rig), ElementsAre(Chn(7, 1), Chn(8, 1), Chn(8, 2), Chn(7, 3), Chn(8, 3)));
     EXPECT_THAT(rig.m_listClearUin(), IsEmpty()); // taken one by one
 }
 
@@ -203,12 +203,12 @@ TEST(ClearOne, SmallVideoLosesItsStreamButBigVideosPendingPackets)
     rig.Feed(Packet(7, 2, 2));
     rig.ClearChnParam();
     EXPECT_THAT(Streams(rig), IsEmpty());
-    EXPECT_THAT(Pending(rig), ElementsAre(Key(7, 3)));
+    EXPECT_THAT(Pending(rig), ElementsAre(Chn(7, 3)));
 
     // So the small video comes back from defaults as soon as its pending packet is handled.
     rig.m_dwClearRequest() = 0;
     rig.Turn();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 3)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 3)));
     EXPECT_EQ(rig.Stream(7, 3)->stStatInfo.dwTotalRecvPkgNum, 1u);
 }
 
@@ -220,7 +220,7 @@ TEST(ClearOne, AudioCanBeNamedToo)
     rig.Put(Packet(7, 2));
     rig.m_recv.ClearRecvChn(7, 1);
     rig.Deliver();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 2)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 2)));
 }
 
 TEST(ClearOne, TheSubTypeIsTheValueModulo256)
@@ -230,7 +230,7 @@ TEST(ClearOne, TheSubTypeIsTheValueModulo256)
     rig.Put(Packet(7, 0));
     rig.m_recv.ClearRecvChn(7, 0x302);
     rig.Deliver();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 0)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 0)));
     rig.m_recv.ClearRecvChn(7, 0x100); // not 0, so it is a request: for sub-type 0
     rig.Deliver();
     EXPECT_THAT(Streams(rig), IsEmpty());
@@ -247,7 +247,7 @@ TEST(ClearOne, UsersOfTwoCallsAreBothClearedByTheLastValue)
     rig.m_recv.ClearRecvChn(7, 2);
     rig.m_recv.ClearRecvChn(8, 3);
     rig.Deliver();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 2), Key(8, 2), Key(9, 2), Key(9, 3)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 2), Chn(8, 2), Chn(9, 2), Chn(9, 3)));
 }
 
 TEST(ClearOne, ForAnUnknownUserOrStreamDoesNothingAndSaysNothing)
@@ -258,7 +258,7 @@ TEST(ClearOne, ForAnUnknownUserOrStreamDoesNothingAndSaysNothing)
     rig.m_recv.ClearRecvChn(7, 3);
     CLogRecorder log;
     rig.Deliver();
-    EXPECT_THAT(Streams(rig), ElementsAre(Key(7, 2)));
+    EXPECT_THAT(Streams(rig), ElementsAre(Chn(7, 2)));
     EXPECT_THAT(LinesOf(log), IsEmpty());
 }
 
@@ -362,7 +362,7 @@ TEST(AudioHistory, IsEmptiedForTheUsersAudioAlone)
     CRecvRig rig;
     rig.ClearAudioRecvSeq(7u); // no such stream
     EXPECT_THAT(Streams(rig), IsEmpty());
-    for (const Key& key : {Key(7, 1), Key(7, 2), Key(8, 1)})
+    for (const Chn& key : {Chn(7, 1), Chn(7, 2), Chn(8, 1)})
     {
         rig.Put(Packet(key.first, (uint8)key.second));
         rig.Stream(key.first, (uint8)key.second)->mapRecvSeq[1] = 1000;

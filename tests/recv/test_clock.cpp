@@ -10,15 +10,15 @@ using ::testing::IsEmpty;
 namespace
 {
 
-constexpr uint32 c_dwClock = 100000;
+constexpr uint32 c_dwMediaClock = 100000;
 
 // A user whose clock stands at 100000 since tick 1000; the band is empty, so the target is 1000 ms.
 struct CClock
 {
     explicit CClock(uint64 ullTick = 1000) : m_rig(ullTick), m_stInfo(m_rig.m_mapUinDataInfo()[7])
     {
-        m_stInfo.dwTimelineOut = c_dwClock;
-        m_stInfo.dwTimelineIn = c_dwClock + 1090; // real time, for as long as these tests look
+        m_stInfo.dwTimelineOut = c_dwMediaClock;
+        m_stInfo.dwTimelineIn = c_dwMediaClock + 1090; // real time, for as long as these tests look
         m_stInfo.dwTimelineMin = 5000;
         m_stInfo.dwTimelineMax = 5000;
         m_stInfo.dwLastCheckDeltaTime = m_rig.Now();
@@ -116,13 +116,13 @@ TEST(Clock, SpeedsAreRealTimeATwelfthFasterAndAQuarterSlower)
     for (const tagRow& stRow : aRows)
     {
         CClock slow;
-        slow.m_stInfo.dwTimelineIn = c_dwClock;
+        slow.m_stInfo.dwTimelineIn = c_dwMediaClock;
         EXPECT_EQ(slow.Advance(stRow.dwTickDiff), stRow.dwSlow) << stRow.dwTickDiff;
         CClock fast;
-        fast.m_stInfo.dwTimelineIn = c_dwClock + 1101;
+        fast.m_stInfo.dwTimelineIn = c_dwMediaClock + 1101;
         EXPECT_EQ(fast.Advance(stRow.dwTickDiff), stRow.dwFast) << stRow.dwTickDiff;
         CClock even;
-        even.m_stInfo.dwTimelineIn = c_dwClock + 1050;
+        even.m_stInfo.dwTimelineIn = c_dwMediaClock + 1050;
         EXPECT_EQ(even.Advance(stRow.dwTickDiff), stRow.dwTickDiff);
     }
 }
@@ -140,9 +140,9 @@ TEST(Clock, AZeroFastFactorDividesNothing)
 {
     CClock clock;
     clock.m_stInfo.dwFastFactor = 0;
-    clock.m_stInfo.dwTimelineIn = c_dwClock + 5000;
+    clock.m_stInfo.dwTimelineIn = c_dwMediaClock + 5000;
     clock.Advance(12);
-    EXPECT_GT(clock.m_stInfo.dwTimelineOut, c_dwClock);
+    EXPECT_GT(clock.m_stInfo.dwTimelineOut, c_dwMediaClock);
 }
 
 // ---- The step ------------------------------------------------------------------------------------------------------------------------
@@ -274,7 +274,7 @@ TEST(ClockTrace, IsWrittenOnceOnRequest)
     CClock clock;
     clock.m_stInfo.dwLogPrintFlag = 0xFFFFFFFF;
     clock.m_stInfo.dwExWaitTick = 1;
-    clock.m_stInfo.dwTimelineIn = c_dwClock + 500;
+    clock.m_stInfo.dwTimelineIn = c_dwMediaClock + 500;
     CLogRecorder log;
     clock.Advance(13);
     EXPECT_THAT(
@@ -302,7 +302,7 @@ TEST(ClockTrace, TellsTheLowLatencyTolerances)
     CClock clock;
     clock.m_rig.m_dwUdtRecvMode() = 1;
     clock.m_stInfo.dwLogPrintFlag = LOG_TIME_PARAM;
-    clock.m_stInfo.dwTimelineIn = c_dwClock + 1011;
+    clock.m_stInfo.dwTimelineIn = c_dwMediaClock + 1011;
     CLogRecorder log;
     clock.Advance(12);
     EXPECT_EQ(
@@ -326,8 +326,8 @@ TEST(ClockJump, NeedsMoreThan15SecondsToTheNewestAndMoreThan5ToTheEarliest)
     for (const tagRow& stRow : aRows)
     {
         CClock clock;
-        clock.m_rig.Put(AudioPacket(7, 1).At(c_dwClock + stRow.dwEarliest));
-        clock.m_stInfo.dwTimelineIn = c_dwClock + stRow.dwIn;
+        clock.m_rig.Put(AudioPacket(7, 1).At(c_dwMediaClock + stRow.dwEarliest));
+        clock.m_stInfo.dwTimelineIn = c_dwMediaClock + stRow.dwIn;
         const uint32 dwAdvance = clock.Advance(48);
         // Much is buffered, so the clock runs fast; the advance comes on top of the jump.
         EXPECT_EQ(dwAdvance, stRow.bJumps ? stRow.dwEarliest + 52 : 52)
@@ -338,8 +338,8 @@ TEST(ClockJump, NeedsMoreThan15SecondsToTheNewestAndMoreThan5ToTheEarliest)
 TEST(ClockJump, TheStepIsThatOfBeforeTheJump)
 {
     CClock clock;
-    clock.m_rig.Put(AudioPacket(7, 1).At(c_dwClock + 90000));
-    clock.m_stInfo.dwTimelineIn = c_dwClock + 90000;
+    clock.m_rig.Put(AudioPacket(7, 1).At(c_dwMediaClock + 90000));
+    clock.m_stInfo.dwTimelineIn = c_dwMediaClock + 90000;
     clock.m_stInfo.dwLogPrintFlag = LOG_TIME_PARAM;
     CLogRecorder log(LOG_LEVEL_ERROR);
     clock.Advance(48);

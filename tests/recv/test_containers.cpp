@@ -5,11 +5,8 @@
 
 #include "AVGUDTPktMap.h"
 #include "AVGUDTSeqMap.h"
+#include "RecvTest.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <new>
@@ -50,11 +47,7 @@ private:
     std::mt19937_64 m_engine;
 };
 
-uint64 Seed()
-{
-    const char* pszSeed = getenv("UDT_TEST_SEED");
-    return pszSeed != nullptr ? strtoull(pszSeed, nullptr, 0) : std::random_device()();
-}
+uint64 Seed() { return FromEnv("UDT_TEST_SEED", std::random_device()()); }
 
 std::shared_ptr<uint32> Packet(uint32 dw) { return std::make_shared<uint32>(dw); }
 

@@ -10,9 +10,6 @@ using ::testing::IsEmpty;
 namespace
 {
 
-constexpr uint8 I = def_FrameType_I;
-constexpr uint8 P = def_FrameType_P;
-
 // A stream with one buffered packet that came first at tick 1000.
 tagUinDataBuf& Waiting(CRecvRig& rig, uint8 cSubType, uint8 cFrmType, uint32 dwFirstTick = 1000)
 {

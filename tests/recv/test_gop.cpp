@@ -10,8 +10,6 @@ using ::testing::IsEmpty;
 namespace
 {
 
-constexpr uint32 c_dwNone = 0xFFFFFFFF;
-
 // A stream that the tracker alone has seen, and its user.
 struct CTracked
 {
@@ -32,9 +30,6 @@ struct CTracked
     CRecvRig m_rig;
     tagUinDataBuf m_stStream;
 };
-
-constexpr uint8 I = def_FrameType_I;
-constexpr uint8 P = def_FrameType_P;
 
 } // namespace
 

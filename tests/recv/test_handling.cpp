@@ -13,8 +13,6 @@ using ::testing::SizeIs;
 namespace
 {
 
-constexpr uint32 c_dwNone = 0xFFFFFFFF;
-
 void Handle(CRecvRig& rig, const tagRigPacket& stPacket)
 {
     tagDataPacket stRecord = CRecvRig::Record(stPacket, rig.Now());

@@ -45,11 +45,6 @@ std::vector<tagLine> LifeLines(const CLogRecorder& log)
 }
 
 // An I frame opens the gate of its stream on sight and starts its user's clock, so it leaves in the next turn.
-tagRigPacket KeyFrame(uint64 ullUin, uint32 dwSendSeq, uint32 dwMediaMs = 5000)
-{
-    return VideoPacket(ullUin, dwSendSeq, dwMediaMs, def_FrameType_I, 0, 0);
-}
-
 } // namespace
 
 // ---- Start and stop ------------------------------------------------------------------------------------------------

@@ -13,14 +13,11 @@
  */
 
 #include "LockstepWorld.h"
+#include "RecvTest.h"
 #include "Slow.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdlib>
 
 namespace
 {
@@ -30,12 +27,6 @@ constexpr uint64 c_ullTurns = 5000;
 #else
 constexpr uint64 c_ullTurns = 20000;
 #endif
-
-uint64 FromEnv(const char* pszName, uint64 ullElse)
-{
-    const char* pszValue = getenv(pszName);
-    return pszValue != nullptr && *pszValue != 0 ? strtoull(pszValue, nullptr, 0) : ullElse;
-}
 
 std::string FewCalls(const std::vector<tagTwinCall>& vecCalls)
 {

@@ -9,14 +9,11 @@
  */
 
 #include "PlainLoss.h"
-#include "RecvRig.h"
+#include "RecvTest.h"
 #include "Slow.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdlib>
 #include <deque>
 #include <random>
 
@@ -31,10 +28,10 @@ constexpr uint32 c_dwSteps = 100000;
 
 // ---- Chance ------------------------------------------------------------------------------------------------
 
-class CChance
+class COracleChance
 {
 public:
-    explicit CChance(uint64 ullSeed) : m_rng(ullSeed) {}
+    explicit COracleChance(uint64 ullSeed) : m_rng(ullSeed) {}
 
     uint64 Word() { return m_rng(); }
     uint32 Below(uint32 dwEnd) { return dwEnd != 0 ? (uint32)(m_rng() % dwEnd) : 0; }
@@ -45,12 +42,6 @@ public:
 private:
     std::mt19937_64 m_rng;
 };
-
-uint64 FromEnv(const char* pszName, uint64 ullElse)
-{
-    const char* pszValue = getenv(pszName);
-    return pszValue != nullptr && *pszValue != 0 ? strtoull(pszValue, nullptr, 0) : ullElse;
-}
 
 struct tagRun
 {
@@ -243,7 +234,7 @@ struct tagPair
 };
 
 // What a run met; a run that never met something proves nothing about it.
-struct tagMet
+struct tagOracleMet
 {
     uint64 ullLines[6] = {};
     uint64 ullRequests = 0;
@@ -281,13 +272,13 @@ constexpr uint32 c_dwEnoughToMeetAll = 100000; // steps
 
 // ---- Any state -----------------------------------------------------------------------------------------------
 
-uint32 AnySeq(CChance& chance)
+uint32 AnySeq(COracleChance& chance)
 {
     const uint32 dwNear = chance.Of({0, 1, 0x7FFF, 0x8000, 0xFFFF, 0x7FFFFFFF, 0xFFFFFFFE, 500});
     return chance.OneIn(4) ? (uint32)chance.Word() : dwNear + chance.Below(40) - 20;
 }
 
-uint32 AnySeqStep(CChance& chance)
+uint32 AnySeqStep(COracleChance& chance)
 {
     if (chance.Below(10) < 6)
         return 1;
@@ -298,7 +289,7 @@ uint32 AnySeqStep(CChance& chance)
 }
 
 // A packet with any fields at all, plausible ones more often.
-tagDataPacket AnyPacket(CChance& chance, uint64 ullUin, uint8 cSubType, uint32 dwSeq,
+tagDataPacket AnyPacket(COracleChance& chance, uint64 ullUin, uint8 cSubType, uint32 dwSeq,
                         const tagDataPacket& stPre, uint32 dwNow)
 {
     tagDataPacket st = stPre;
@@ -335,7 +326,7 @@ tagDataPacket AnyPacket(CChance& chance, uint64 ullUin, uint8 cSubType, uint32 d
     return st;
 }
 
-void AnyStream(CChance& chance, tagUinDataBuf& stReal, tagPlainStream& stPlain, uint32 dwNow)
+void AnyStream(COracleChance& chance, tagUinDataBuf& stReal, tagPlainStream& stPlain, uint32 dwNow)
 {
     stReal.dwTimeStampDelta = stPlain.dwTimeStampDelta = chance.Of({0, 0, 20, 40, 60, 84, 0xFFFFFFFA});
     stReal.dwPFrmCnt = stPlain.dwPFrmCnt = chance.Of({0, 0, 1, 2, 2, 2});
@@ -362,10 +353,10 @@ void AnyStream(CChance& chance, tagUinDataBuf& stReal, tagPlainStream& stPlain, 
 TEST(LossOracle, FromAnyStateOneWalkOneScanAndOneFailureCheckEqualThePlainOnes)
 {
     const tagRun stRun = NewRun();
-    CChance chance(stRun.ullSeed);
+    COracleChance chance(stRun.ullSeed);
     CRecvRig rig;
     CTwinLines lines;
-    tagMet stMet;
+    tagOracleMet stMet;
 
     for (uint32 dwStep = 0; dwStep < stRun.dwSteps; ++dwStep)
     {
@@ -474,7 +465,7 @@ struct tagInFlight
 class CWildCall
 {
 public:
-    CWildCall(CChance& chance, uint64 ullTick) : m_chance(chance)
+    CWildCall(COracleChance& chance, uint64 ullTick) : m_chance(chance)
     {
         m_dwLossPercent = chance.Of({0, 1, 5, 20, 50});
         m_dwDelayMs = chance.Of({0, 20, 150, 600});
@@ -621,7 +612,7 @@ private:
             m_vecInFlight.push_back({stSender.ullNextTick + m_chance.Below(m_dwDelayMs + 1), stPacket});
     }
 
-    CChance& m_chance;
+    COracleChance& m_chance;
     uint32 m_dwLossPercent;
     uint32 m_dwDelayMs;
     uint32 m_dwAnswerPercent;
@@ -690,7 +681,7 @@ tagPlainPacket AsFed(const tagRigPacket& stPacket, uint32 dwId, uint32 dwNow)
 }
 
 // One call from Start to end, turn by turn. Returns the steps made; stops at the first difference.
-void RunCall(CChance& chance, uint64 ullSeed, uint32 dwFirstStep, uint32 dwSteps, tagMet& stMet)
+void RunCall(COracleChance& chance, uint64 ullSeed, uint32 dwFirstStep, uint32 dwSteps, tagOracleMet& stMet)
 {
     const uint64 ullStart = chance.OneIn(2) ? 1000 + chance.Below(5000)
                                             : 0x100000000ull - chance.Below(3000); // the tick wraps soon
@@ -789,8 +780,8 @@ void RunCall(CChance& chance, uint64 ullSeed, uint32 dwFirstStep, uint32 dwSteps
 TEST(LossOracle, EveryTurnOfWildCallsMarksAsksAndWritesLikeThePlainWalks)
 {
     const tagRun stRun = NewRun();
-    CChance chance(stRun.ullSeed);
-    tagMet stMet;
+    COracleChance chance(stRun.ullSeed);
+    tagOracleMet stMet;
     for (uint32 dwStep = 0; dwStep < stRun.dwSteps;)
     {
         const uint32 dwSteps = std::min(chance.Between(200, 2000), stRun.dwSteps - dwStep);

@@ -20,8 +20,6 @@ void Poison(volatile unsigned char* pRoom, size_t nSize)
         pRoom[i] = 0xA5;
 }
 
-constexpr uint32 c_dwNone = 0xFFFFFFFF;
-
 // A rig in such memory: a member that its constructor forgets shows.
 class CPoisonedRig
 {

@@ -1,10 +1,7 @@
 // When a gap is asked for, how often, what the request looks like, and the housekeeping beside it.
 
 #include "AVGUDTRecvRules.h"
-#include "RecvRig.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "RecvTest.h"
 
 #include <cstddef>
 #include <cstring>
@@ -17,8 +14,6 @@ using testing::SizeIs;
 
 namespace
 {
-
-constexpr uint64 c_ullUin = 7;
 
 // ---- Rules ----------------------------------------------------------------------------------------------------
 

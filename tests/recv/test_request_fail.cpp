@@ -1,9 +1,6 @@
 // Requests that were never answered, and the owner's switch for requests.
 
-#include "RecvRig.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "RecvTest.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -12,8 +9,6 @@ using testing::SizeIs;
 
 namespace
 {
-
-constexpr uint64 c_ullUin = 7;
 
 class RequestFail : public testing::Test
 {

@@ -76,11 +76,6 @@ void Feed(CAVGUdtRecv& recv, const tagRigPacket& stPacket, uint32 dwDownSeq = 1)
               TRUE);
 }
 
-tagRigPacket KeyFrame(uint64 ullUin, uint32 dwSeq, uint32 dwMedia = 5000)
-{
-    return VideoPacket(ullUin, dwSeq, dwMedia, def_FrameType_I, 0, 0);
-}
-
 // Network threads: streams of several users, with gaps, repeats and users that come and go.
 class CNetwork
 {
@@ -463,11 +458,7 @@ TEST(ThreadedRace, TwoThreadsMayStopAtOnce)
 namespace
 {
 
-uint32 Restarts(uint32 dwElse)
-{
-    const char* const pszRestarts = getenv("UDT_RACE_RESTARTS");
-    return pszRestarts != nullptr ? (uint32)strtoul(pszRestarts, nullptr, 10) : dwElse;
-}
+uint32 Restarts(uint32 dwElse) { return (uint32)FromEnv("UDT_RACE_RESTARTS", dwElse); }
 
 class CWholeLoad
 {

@@ -1,9 +1,6 @@
 // What is missing before each buffered video packet, what of its frame, and what is asked for at once.
 
-#include "RecvRig.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "RecvTest.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -12,7 +9,6 @@ using testing::SizeIs;
 namespace
 {
 
-constexpr uint64 c_ullUin = 7;
 constexpr uint8 c_cI = def_FrameType_I;
 constexpr uint8 c_cP = def_FrameType_P;
 

@@ -13,11 +13,6 @@ using ::testing::SizeIs;
 namespace
 {
 
-constexpr uint32 c_dwNone = 0xFFFFFFFF;
-constexpr uint32 c_dwClock = 50000;
-constexpr uint8 I = def_FrameType_I;
-constexpr uint8 P = def_FrameType_P;
-
 // A playing room with user 7, whose clock stands at 50000 and whose stream may leave.
 struct CVideoOut
 {

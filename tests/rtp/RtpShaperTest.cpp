@@ -12,7 +12,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-const uint32 c_dwSsrc = 0x1111;
+const uint32 c_dwAskedSsrc = 0x1111;
 
 // Ticks through a schedule of requests and arrivals, 1 ms at a time, and writes down what went out when.
 class CSchedule
@@ -20,12 +20,12 @@ class CSchedule
 public:
     explicit CSchedule(const tagRtpShaperOptions& stOptions) : m_shaper(stOptions) {}
 
-    CSchedule& Ask(uint32 dwMs, uint32 dwSeq, uint32 dwSsrc = c_dwSsrc)
+    CSchedule& Ask(uint32 dwMs, uint32 dwSeq, uint32 dwSsrc = c_dwAskedSsrc)
     {
         m_mapAsks.emplace(dwMs, tagRtpAsk{dwSsrc, dwSeq});
         return *this;
     }
-    CSchedule& Come(uint32 dwMs, uint32 dwSeq, uint32 dwSsrc = c_dwSsrc)
+    CSchedule& Come(uint32 dwMs, uint32 dwSeq, uint32 dwSsrc = c_dwAskedSsrc)
     {
         m_mapArrivals.emplace(dwMs, tagRtpAsk{dwSsrc, dwSeq});
         return *this;
@@ -165,7 +165,7 @@ TEST(RtpShaper, APacketIsAskedForAsOftenAsAllowedAndThenGivenUpWithOnePli)
     CSchedule schedule(st);
     schedule.Ask(0, 5).Ask(100, 5).Ask(200, 5).Ask(300, 5).Ask(300, 6);
     EXPECT_THAT(schedule.Run(500), ElementsAre(Pair(5, 0), Pair(5, 100), Pair(6, 300)));
-    EXPECT_THAT(schedule.m_vecPlis, ElementsAre(Pair(c_dwSsrc, 200)));
+    EXPECT_THAT(schedule.m_vecPlis, ElementsAre(Pair(c_dwAskedSsrc, 200)));
     EXPECT_EQ(schedule.m_shaper.Totals().ullTriesUsedUp, 2u);
     EXPECT_EQ(schedule.m_shaper.Totals().ullGaveUp, 1u);
 }
