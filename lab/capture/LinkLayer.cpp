@@ -3,6 +3,8 @@
 
 #include "LinkLayer.h"
 
+#include "BigEndian.h"
+
 #include <pcap/dlt.h>
 
 #include <algorithm>
@@ -26,8 +28,6 @@ constexpr uint8 c_cProtoRouting = 43;
 constexpr uint8 c_cProtoFragment = 44;
 constexpr uint8 c_cProtoAuth = 51;
 constexpr uint8 c_cProtoDestOptions = 60;
-
-uint16 Be16(const uint8* p) { return (uint16)(p[0] << 8 | p[1]); }
 
 // What is left of the frame: captured bytes and the bytes the wire had.
 struct tagView

@@ -2,6 +2,7 @@
 // was captured. The format keeps no addresses per packet, so every datagram comes from the one source that
 // the head names, RTCP from the port after it.
 
+#include "BigEndian.h"
 #include "Readers.h"
 
 #include <arpa/inet.h>
@@ -21,9 +22,6 @@ constexpr char c_szMagic[] = "#!rtpplay1.0";
 constexpr size_t c_nMaxLine = 128;
 constexpr size_t c_nHead = 16;
 constexpr size_t c_nRecordHead = 8;
-
-uint32 Be32(const uint8* p) { return (uint32)p[0] << 24 | (uint32)p[1] << 16 | (uint32)p[2] << 8 | p[3]; }
-uint16 Be16(const uint8* p) { return (uint16)(p[0] << 8 | p[1]); }
 
 // "#!rtpplay1.0 a.b.c.d/port\n"; false when it is anything else. Some writers leave the address out, or give a
 // host name: then it stays unknown.

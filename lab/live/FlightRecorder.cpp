@@ -22,7 +22,7 @@ namespace lab
 namespace
 {
 
-constexpr char c_szMagic[] = "udtlab-flight 1\n";
+constexpr char c_szFlightMagic[] = "udtlab-flight 1\n";
 constexpr uint32 c_dwSegmentMs = 5000; // at most: a call's beginning is forgotten in steps of this
 
 enum emRecord : uint8
@@ -165,7 +165,7 @@ std::vector<uint8> CFlightRecorder::Bytes(const std::string& strWhy) const
     j["span_ms"] = SpanMs();
     j["play_delay_ms"] = m_dwPlayDelayMs;
     const std::string strHead =
-        c_szMagic + j.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+        c_szFlightMagic + j.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
     std::vector<uint8> vec(strHead.begin(), strHead.end());
     vec.reserve(vec.size() + Memory());
     for (const tagSegment& st : m_dequeSegments)
@@ -511,9 +511,9 @@ private:
 bool IsFlightFile(const std::string& strPath)
 {
     std::ifstream in(strPath, std::ios::binary);
-    char szHead[sizeof(c_szMagic)] = {};
-    in.read(szHead, sizeof(c_szMagic) - 1);
-    return in && memcmp(szHead, c_szMagic, sizeof(c_szMagic) - 1) == 0;
+    char szHead[sizeof(c_szFlightMagic)] = {};
+    in.read(szHead, sizeof(c_szFlightMagic) - 1);
+    return in && memcmp(szHead, c_szFlightMagic, sizeof(c_szFlightMagic) - 1) == 0;
 }
 
 tagFlightResult ReplayFlight(const std::string& strPath, CRunSeries* pSeries)
@@ -536,9 +536,9 @@ tagFlightResult ReplayFlight(const std::string& strPath, CRunSeries* pSeries)
 tagFlightResult ReplayFlightBytes(const std::vector<uint8>& vecBytes, CRunSeries* pSeries)
 {
     tagFlightResult stResult;
-    const size_t nMagic = sizeof(c_szMagic) - 1;
+    const size_t nMagic = sizeof(c_szFlightMagic) - 1;
     const auto itLine =
-        vecBytes.size() < nMagic || memcmp(vecBytes.data(), c_szMagic, nMagic) != 0
+        vecBytes.size() < nMagic || memcmp(vecBytes.data(), c_szFlightMagic, nMagic) != 0
             ? vecBytes.end()
             : std::find(vecBytes.begin() + (std::ptrdiff_t)nMagic, vecBytes.end(), (uint8)'\n');
     if (itLine == vecBytes.end())
