@@ -12,7 +12,7 @@
 namespace
 {
 
-constexpr size_t c_nMostDatagrams = 250;
+constexpr size_t c_nMostOfCapture = 250;
 
 struct tagKept : lab::tagDatagram
 {
@@ -109,12 +109,12 @@ public:
             }
             m_vec.push_back(std::move(st));
         };
-        while (m_vec.size() < c_nMostDatagrams && nAt < vecCapture.size() && !in.Empty())
+        while (m_vec.size() < c_nMostOfCapture && nAt < vecCapture.size() && !in.Empty())
         {
             const uint8 cHow = in.Byte();
             if (cHow < 0x80) // on as it was
             {
-                for (uint32 n = 0; n <= cHow && nAt < vecCapture.size() && m_vec.size() < c_nMostDatagrams;
+                for (uint32 n = 0; n <= cHow && nAt < vecCapture.size() && m_vec.size() < c_nMostOfCapture;
                      ++n)
                     put(vecCapture[nAt++]);
                 continue;

@@ -10,7 +10,7 @@ namespace
 {
 
 constexpr uint32 c_dwMostCalls = 2000;
-constexpr uint32 c_dwMostTurns = 1000;
+constexpr uint32 c_dwMostLockstepTurns = 1000;
 constexpr size_t c_nMostStreams = 60; // the comparison reads so many at once
 
 tagUDTRecvParams Params(CFuzzInput& in)
@@ -192,7 +192,8 @@ void FuzzLockstep(const uint8* pData, size_t nLen)
     stCall.llValue = 3;
     make(stCall);
     uint32 dwTurns = 0;
-    for (uint32 dwCalls = 0; !in.Empty() && dwCalls < c_dwMostCalls && dwTurns < c_dwMostTurns; ++dwCalls)
+    for (uint32 dwCalls = 0; !in.Empty() && dwCalls < c_dwMostCalls && dwTurns < c_dwMostLockstepTurns;
+         ++dwCalls)
     {
         const tagTwinCall stNext = calls.Next();
         make(stNext);
