@@ -441,7 +441,7 @@ TEST(LossOracle, FromAnyStateOneWalkOneScanAndOneFailureCheckEqualThePlainOnes)
 // ---- Calls ---------------------------------------------------------------------------------------------------
 
 // One sender's stream: numbers packets and frames, now and then with a hiccup.
-struct tagSender
+struct tagWildSender
 {
     uint64 ullUin = 0;
     uint8 cSubType = 0;
@@ -480,7 +480,7 @@ public:
             {
                 if (!chance.OneIn(cSubType <= 2 ? 2 : 5))
                     continue;
-                tagSender stSender;
+                tagWildSender stSender;
                 stSender.ullUin = 7 + i * 5000000000ull;
                 stSender.cSubType = cSubType;
                 stSender.dwSeq = AnySeq(chance);
@@ -494,7 +494,7 @@ public:
     // The packets that arrive now.
     std::vector<tagRigPacket> Arrivals(uint64 ullTick)
     {
-        for (tagSender& stSender : m_vecSenders)
+        for (tagWildSender& stSender : m_vecSenders)
         {
             while (stSender.ullNextTick <= ullTick)
                 Send(stSender);
@@ -540,7 +540,7 @@ public:
     }
 
 private:
-    void Send(tagSender& stSender)
+    void Send(tagWildSender& stSender)
     {
         if (stSender.cSubType == MEAVAudio)
         {
@@ -563,7 +563,7 @@ private:
             stSender.dwMediaMs += m_chance.Of({1000, 7000, (uint32)-3000, 40000});
     }
 
-    void SendFrame(tagSender& stSender)
+    void SendFrame(tagWildSender& stSender)
     {
         uint8 cFrmType = def_FrameType_P;
         if (stSender.dwFramesLeft == 0)
@@ -596,7 +596,7 @@ private:
         stSender.ullNextTick += 40;
     }
 
-    void Launch(tagSender& stSender, const tagRigPacket& stPacket)
+    void Launch(tagWildSender& stSender, const tagRigPacket& stPacket)
     {
         const bool bBurst = stSender.dwBurst != 0;
         if (bBurst)
@@ -617,7 +617,7 @@ private:
     uint32 m_dwDelayMs;
     uint32 m_dwAnswerPercent;
     bool m_bHiccups;
-    std::vector<tagSender> m_vecSenders;
+    std::vector<tagWildSender> m_vecSenders;
     std::vector<tagInFlight> m_vecInFlight;
     std::deque<tagRigPacket> m_deqLost;
 };

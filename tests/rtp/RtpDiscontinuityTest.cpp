@@ -201,7 +201,7 @@ private:
     lab::tagCaptureStats m_stStats;
 };
 
-struct tagRelease
+struct tagPlayed
 {
     int64_t llMs = 0; // of the run
     int64_t llMadeMs = 0;
@@ -221,7 +221,7 @@ public:
         return 0;
     }
     void OnLossRequest(const tagReplyData*, uint32, uint32) override {}
-    std::vector<tagRelease> m_vec[2]; // audio, video
+    std::vector<tagPlayed> m_vec[2]; // audio, video
 
 private:
     const lab::CLabRun* m_pRun = nullptr;
@@ -236,10 +236,10 @@ double Median(std::vector<double> vec)
 }
 
 // Release minus making, of what was released between two times.
-double DelayOver(const std::vector<tagRelease>& vec, int64_t llFromMs, int64_t llToMs)
+double DelayOver(const std::vector<tagPlayed>& vec, int64_t llFromMs, int64_t llToMs)
 {
     std::vector<double> vecDelays;
-    for (const tagRelease& st : vec)
+    for (const tagPlayed& st : vec)
     {
         if (st.llMs >= llFromMs && st.llMs < llToMs)
             vecDelays.push_back((double)(st.llMs - st.llMadeMs));
@@ -289,10 +289,10 @@ tagMeasured Measure(const tagRow& row, bool bLowLatency)
             if (llBack < 0 && stTruth.llMadeMs >= c_llEventMs)
                 llBack = OfRun(stTruth.llArrivalUs);
         }
-        const std::vector<tagRelease>& vec = watcher.m_vec[i];
+        const std::vector<tagPlayed>& vec = watcher.m_vec[i];
         int64_t llQuietSince = llBack;
         const int64_t llUntil = std::min(llBack + c_llWatchMs, llLast);
-        for (const tagRelease& stRelease : vec)
+        for (const tagPlayed& stRelease : vec)
         {
             if (stRelease.llMs < llBack)
                 continue;
