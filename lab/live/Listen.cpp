@@ -592,7 +592,7 @@ void CListen::Deliver(const tagRtpDatagram& st, uint32 uDoor)
 std::string CListen::UserOf(const tagRtpDatagram& st, uint32 dwSsrc) const
 {
     const auto itHeard = m_mapCnames.find(dwSsrc);
-    const std::string strHeard = itHeard == m_mapCnames.end() ? "" : itHeard->second;
+    std::string strHeard = itHeard == m_mapCnames.end() ? "" : itHeard->second;
     const auto itTold = m_stOptions.mapCnames.find(dwSsrc);
     if (strHeard.empty() && itTold != m_stOptions.mapCnames.end())
         return itTold->second;
