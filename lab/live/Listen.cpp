@@ -454,7 +454,10 @@ void CListen::Receive(tagDoor& door, const CFd& fd, uint32 uDoor, bool bRtcpPort
         st.pData = vecBuffer.data();
         st.dwCaptured = st.dwWire = (uint32)nGot;
         if (!bRtcpPort && !IsKnown(st))
+        {
             ReceiveRtcp();
+            st.ullArrivalUs = LiveNowUs(); // behind what was just read: locks count from there
+        }
         if (!IsWelcome(door, st, bRtcpPort || IsRtcp(st.pData, st.dwCaptured)))
             continue;
         door.st.ullDatagrams++;
