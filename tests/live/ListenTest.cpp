@@ -557,6 +557,38 @@ TEST(ThreadedListen, APictureThatComesWhenTheNameIsKnownBelongsToTheSoundThatCam
     EXPECT_EQ(StreamOf(stResult, sender.m_a[1].dwSsrc).strCname, "sender@script0");
 }
 
+// More reports than are read at once stand before the names, and sound and picture are there already. Both were begun
+// without a name, and stayed two users.
+TEST(ThreadedListen, NamesThatCameBeforeSoundAndPictureAreKnownBehindMoreReportsThanAreReadAtOnce)
+{
+    tagListenOptions st = Options(1000);
+    st.bAnySource = true;
+    st.bOneUser = false;
+    const tagScript stScript;
+    CScriptedSender::tagMedium aMedia[2];
+    tagListenHooks stHooks;
+    stHooks.fnReady = [&](const std::vector<tagListenSource>& vec, const std::string&)
+    {
+        aMedia[0].Open(stScript, PortIn(vec[0].strListens), 0x0A0A0A0A, 97, 48000);
+        aMedia[1].Open(stScript, PortIn(vec[1].strListens), 0x0B0B0B0B, 96, 90000);
+        const uint8 aReport[] = {0x80, 201, 0, 1, 0, 0, 0, 1};
+        for (int i = 0; i < 70; i++)
+            for (const auto& stMedium : aMedia)
+                SendUdp(stMedium.Rtcp(), stMedium.stRtcpTo, aReport, sizeof(aReport));
+        for (auto& stMedium : aMedia)
+            stMedium.SenderReport(NowUs(), 0);
+        for (uint32 dwMs = 0; dwMs < 400; dwMs += 20)
+        {
+            aMedia[0].Send(dwMs, false, std::vector<uint8>(80, 0x78));
+            aMedia[1].Send(dwMs, true, {0x65, 1, 2});
+        }
+    };
+    const tagListenResult stResult = RunListen(st, stHooks);
+    EXPECT_EQ(stResult.strError, "");
+    ASSERT_EQ(stResult.st.vecUsers.size(), 1u);
+    EXPECT_EQ(stResult.st.vecUsers[0].vecStreams.size(), 2u);
+}
+
 TEST(ThreadedListen, OverIpv6WithRtcpOnThePortsOfRtpASenderThatTakesOtherSsrcsIsAskedAndToldAsBefore)
 {
     std::string strError;
